@@ -1,0 +1,10 @@
+#pragma once
+// The whole public interface of the frame kit in one include.
+#include "lumoframekit/export.h"
+#include "lumoframekit/frame.h"
+#include "lumoframekit/frame_pool.h"
+#include "lumoframekit/frame_types.h"
+#include "lumoframekit/lumo_frame.h"
+#include "lumoframekit/memory_limiter.h"
+#include "lumoframekit/metadata.h"
+#include "rigutil/rigutil.h"

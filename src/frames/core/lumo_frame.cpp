@@ -1,0 +1,198 @@
+#include "lumoframekit/lumo_frame.h"
+
+#include <cstring>
+#include <stdexcept>
+
+#include "lumoframekit/frame_pool.h"
+
+namespace lumoframekit {
+
+IFrame::~IFrame() = default;
+FramePool::~FramePool() = default;
+
+HostAllocator::~HostAllocator() = default;
+void* HostAllocator::allocate(std::uint64_t bytes) { return new std::uint8_t[bytes]; }
+void HostAllocator::release(void* array) { delete[] static_cast<std::uint8_t*>(array); }
+
+namespace {
+
+std::uint64_t wrappedBufferSize(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel) {
+    const std::uint32_t product =
+        static_cast<std::uint32_t>(width) * static_cast<std::uint32_t>(height) * static_cast<std::uint32_t>(bytesPerPixel);
+    return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(product)));
+}
+
+// Names are copied into std::string keys; a null name is refused the way std::string refuses it.
+std::string keyOf(const char* name) {
+    if (name == nullptr) throw std::logic_error("basic_string: construction from null is not valid");
+    return std::string(name);
+}
+
+}  // namespace
+
+LUMOFrame::LUMOFrame(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel, std::uint32_t initialColorSpace)
+    : buffer(nullptr),
+      bufferSize(wrappedBufferSize(width, height, bytesPerPixel)),
+      colorSpace(initialColorSpace),
+      frameType(0),
+      refCount(0),
+      timeStamp(0.0),
+      framePool(nullptr),
+      memoryLimiter(nullptr) {}
+
+LUMOFrame::~LUMOFrame() {
+    if (framePool != nullptr) framePool->removeFrame(this);
+    freeFrameBuffer();
+    for (auto& entry : metaData) delete entry.second;
+}
+
+void LUMOFrame::incRefCount() {
+    rigutil::RGAutoCriticalSection guard(lock);
+    ++refCount;
+}
+
+std::int32_t LUMOFrame::decRefCount() {
+    {
+        rigutil::RGAutoCriticalSection guard(lock);
+        --refCount;
+    }
+    // The count is read again after the decrement's lock was left: another holder may have
+    // changed it in between, and only a count that is still positive keeps the frame.
+    std::int32_t now;
+    {
+        rigutil::RGAutoCriticalSection guard(lock);
+        now = refCount;
+    }
+    if (now > 0) return now;
+    release();
+    return 0;
+}
+
+void LUMOFrame::release() {
+    if (framePool != nullptr) {
+        framePool->returnFrame(this);
+    } else {
+        delete this;
+    }
+}
+
+double LUMOFrame::getTimeStamp() const { return timeStamp; }
+void LUMOFrame::setTimeStamp(double value) { timeStamp = value; }
+
+std::uint64_t LUMOFrame::getBufferSize() const { return bufferSize; }
+
+std::uint8_t* LUMOFrame::allocateBuffer() {
+    allocateFrameBuffer();
+    return buffer;
+}
+
+void LUMOFrame::setBufferData(const std::uint8_t* src) {
+    std::uint8_t* target = allocateBuffer();
+    if (target == nullptr || src == nullptr) return;
+    std::memcpy(target, src, getBufferSize());
+}
+
+bool LUMOFrame::isBufferAllocated() const { return buffer != nullptr; }
+
+void LUMOFrame::getDataFromBuffer(void**, const std::uint8_t*, std::int32_t) {}
+
+std::uint32_t LUMOFrame::getColorSpace() const { return colorSpace; }
+void LUMOFrame::setColorSpace(std::uint32_t value) { colorSpace = value; }
+std::uint32_t LUMOFrame::getFrameType() const { return frameType; }
+void LUMOFrame::setFrameType(std::uint32_t value) { frameType = value; }
+
+void LUMOFrame::allocateFrameBuffer() {
+    if (buffer != nullptr) return;
+    if (memoryLimiter == nullptr) {
+        buffer = new std::uint8_t[getBufferSize()];
+        return;
+    }
+    const std::uint64_t need = memoryLimiter->getMemoryUsed() + getBufferSize();
+    if (memoryLimiter->getMemoryLimit() < need) return;
+    try {
+        buffer = new std::uint8_t[getBufferSize()];
+    } catch (const std::exception&) {
+        // Under a limiter, lack of memory shows as an absent buffer.
+    }
+    if (buffer == nullptr) return;
+    memoryLimiter->incMemoryUsed(getBufferSize());
+}
+
+void LUMOFrame::freeFrameBuffer() {
+    if (buffer == nullptr) return;
+    delete[] buffer;
+    buffer = nullptr;
+    if (memoryLimiter != nullptr) memoryLimiter->decMemoryUsed(getBufferSize());
+}
+
+void LUMOFrame::insertMetaData(const char* name, MetaDataItem* item) {
+    std::string key;
+    try {
+        key = keyOf(name);
+    } catch (...) {
+        delete item;
+        throw;
+    }
+    auto found = metaData.find(key);
+    if (found == metaData.end()) {
+        try {
+            metaData.emplace(std::move(key), item);
+        } catch (...) {
+            delete item;
+            throw;
+        }
+        return;
+    }
+    delete found->second;
+    found->second = item;
+}
+
+std::uint64_t LUMOFrame::getMetaDataCount() const { return metaData.size(); }
+
+void LUMOFrame::getMetaDataNames(const char** names) const {
+    if (names == nullptr) return;
+    std::uint64_t i = 0;
+    for (const auto& entry : metaData) names[i++] = entry.first.c_str();
+}
+
+MetaDataItem* LUMOFrame::getMetaData(const char* name) const {
+    auto found = metaData.find(keyOf(name));
+    return found == metaData.end() ? nullptr : found->second;
+}
+
+void LUMOFrame::addDoubleMetaData(const char* name, double value) { insertMetaData(name, new DoubleMetaDataItem(value)); }
+
+void LUMOFrame::addTimeVectorMetaData(const char* name, double value) {
+    insertMetaData(name, new TimeVectorMetaDataItem(value));
+}
+
+void LUMOFrame::addCStrMetaData(const char* name, const char* value) { insertMetaData(name, new CStrMetaDataItem(value)); }
+
+void LUMOFrame::addDoubleArrayMetaData(const char* name, const double* values, std::uint64_t count) {
+    insertMetaData(name, new DoubleArrayMetaDataItem(values, count));
+}
+
+void LUMOFrame::addDouble2DArrayMetaData(const char* name, const double* const* values, std::uint64_t rows,
+                                         std::uint64_t cols) {
+    insertMetaData(name, new Double2DArrayMetaDataItem(values, rows, cols));
+}
+
+void LUMOFrame::addDouble3DArrayMetaData(const char* name, const double* const* const* values, std::uint64_t d1,
+                                         std::uint64_t d2, std::uint64_t d3) {
+    insertMetaData(name, new Double3DArrayMetaDataItem(values, d1, d2, d3));
+}
+
+void LUMOFrame::addBooleanArrayMetaData(const char* name, const bool* values, std::uint64_t count) {
+    insertMetaData(name, new BooleanArrayMetaDataItem(values, count));
+}
+
+void LUMOFrame::addIntegerMetaData(const char* name, std::int64_t value) {
+    insertMetaData(name, new IntegerMetaDataItem(value));
+}
+
+void LUMOFrame::setFramePool(FramePool* pool) { framePool = pool; }
+FramePool* LUMOFrame::getFramePool() const { return framePool; }
+void LUMOFrame::setMemoryLimiter(IMemoryLimiter* limiter) { memoryLimiter = limiter; }
+IMemoryLimiter* LUMOFrame::getMemoryLimiter() const { return memoryLimiter; }
+
+}  // namespace lumoframekit
