@@ -80,6 +80,15 @@ protected:
     rigutil::RGCriticalSection lock;  // guards refCount only
     FramePool* framePool;
     IMemoryLimiter* memoryLimiter;
+    // Bytes the current buffer was allocated with (0 without a buffer): the conversions check
+    // their reads against it, since getBufferSize may change after the allocation.
+    std::uint64_t allocatedSize;
+    // Zeroed bytes allocated after the buffer and never charged to the limiter, for families whose
+    // reads may run a little past the end of the buffer.
+    std::uint32_t bufferSlack;
+
+private:
+    void takeBuffer(std::uint64_t size);
 };
 
 }  // namespace lumoframekit

@@ -7,4 +7,6 @@
 #include "lumoframekit/lumo_frame.h"
 #include "lumoframekit/memory_limiter.h"
 #include "lumoframekit/metadata.h"
+#include "lumoframekit/monochrome_frame.h"
+#include "lumoframekit/packed_monochrome_frame.h"
 #include "rigutil/rigutil.h"

@@ -1,6 +1,8 @@
 #include "lumoframekit/lumo_frame.h"
 
+#include <cstdint>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 #include "lumoframekit/frame_pool.h"
@@ -22,6 +24,13 @@ std::uint64_t wrappedBufferSize(std::int32_t width, std::int32_t height, std::in
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(product)));
 }
 
+// Array allocation of a raw buffer. Sizes beyond what an object may span (a wrapped, sign-extended
+// size among them) are refused the way the allocator refuses them, before reaching it.
+std::uint8_t* newBytes(std::uint64_t size) {
+    if (size > static_cast<std::uint64_t>(PTRDIFF_MAX)) throw std::bad_array_new_length();
+    return new std::uint8_t[size];
+}
+
 // Names are copied into std::string keys; a null name is refused the way std::string refuses it.
 std::string keyOf(const char* name) {
     if (name == nullptr) throw std::logic_error("basic_string: construction from null is not valid");
@@ -38,7 +47,9 @@ LUMOFrame::LUMOFrame(std::int32_t width, std::int32_t height, std::int32_t bytes
       refCount(0),
       timeStamp(0.0),
       framePool(nullptr),
-      memoryLimiter(nullptr) {}
+      memoryLimiter(nullptr),
+      allocatedSize(0),
+      bufferSlack(0) {}
 
 LUMOFrame::~LUMOFrame() {
     if (framePool != nullptr) framePool->removeFrame(this);
@@ -104,13 +115,13 @@ void LUMOFrame::setFrameType(std::uint32_t value) { frameType = value; }
 void LUMOFrame::allocateFrameBuffer() {
     if (buffer != nullptr) return;
     if (memoryLimiter == nullptr) {
-        buffer = new std::uint8_t[getBufferSize()];
+        takeBuffer(getBufferSize());
         return;
     }
     const std::uint64_t need = memoryLimiter->getMemoryUsed() + getBufferSize();
     if (memoryLimiter->getMemoryLimit() < need) return;
     try {
-        buffer = new std::uint8_t[getBufferSize()];
+        takeBuffer(getBufferSize());
     } catch (const std::exception&) {
         // Under a limiter, lack of memory shows as an absent buffer.
     }
@@ -118,10 +129,18 @@ void LUMOFrame::allocateFrameBuffer() {
     memoryLimiter->incMemoryUsed(getBufferSize());
 }
 
+void LUMOFrame::takeBuffer(std::uint64_t size) {
+    if (bufferSlack > static_cast<std::uint64_t>(PTRDIFF_MAX) - size) throw std::bad_array_new_length();
+    buffer = newBytes(size + bufferSlack);
+    allocatedSize = size;
+    std::memset(buffer + size, 0, bufferSlack);
+}
+
 void LUMOFrame::freeFrameBuffer() {
     if (buffer == nullptr) return;
     delete[] buffer;
     buffer = nullptr;
+    allocatedSize = 0;
     if (memoryLimiter != nullptr) memoryLimiter->decMemoryUsed(getBufferSize());
 }
 
