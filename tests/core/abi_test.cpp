@@ -5,6 +5,7 @@
 #include "lumoframekit/frame.h"
 #include "lumoframekit/frame_pool.h"
 #include "lumoframekit/memory_limiter.h"
+#include "lumoframekit/monochrome_frame.h"
 
 using namespace lumoframekit;
 
@@ -64,6 +65,14 @@ TEST(Abi, FrameSlotsFollowTheHostContract) {
     EXPECT_EQ(slotOf(&IFrame::getFramePool), 35u);
     EXPECT_EQ(slotOf(&IFrame::setMemoryLimiter), 36u);
     EXPECT_EQ(slotOf(&IFrame::getMemoryLimiter), 37u);
+}
+
+TEST(Abi, MonochromeAddsFourSlotsAfterTheFrameInterface) {
+    EXPECT_EQ(slotOf(&MonochromeFrame::getDisplayRow), 38u);
+    EXPECT_EQ(slotOf(&MonochromeFrame::copyColumn), 39u);
+    EXPECT_EQ(slotOf(&MonochromeFrame::copyColumnBlock), 40u);
+    EXPECT_EQ(slotOf(&MonochromeFrame::copyRawData), 41u);
+    EXPECT_EQ(slotOf(&MonochromeFrame::getMemoryLimiter), 37u);
 }
 
 TEST(Abi, LimiterSlotsFollowTheHostContract) {

@@ -86,4 +86,32 @@ IFrame* makeMonochromeFrame(std::uint32_t code, std::int32_t width, std::int32_t
     return maker == nullptr ? nullptr : maker(width, height);
 }
 
+
+// Every format once, with its members emitted here for hosts that name the classes directly.
+template class MonochromeVariant<std::uint8_t, MonoStorage::Unsigned8, false>;
+template class MonochromeVariant<std::uint8_t, MonoStorage::Unsigned8, true>;
+template class MonochromeVariant<std::uint8_t, MonoStorage::Inverted8, false>;
+template class MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false>;
+template class MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true>;
+template class MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false>;
+template class MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true>;
+template class MonochromeVariant<signed char, MonoStorage::SignedLE, false>;
+template class MonochromeVariant<signed char, MonoStorage::SignedLE, true>;
+template class MonochromeVariant<short, MonoStorage::SignedLE, false>;
+template class MonochromeVariant<short, MonoStorage::SignedLE, true>;
+template class MonochromeVariant<short, MonoStorage::SignedBE, false>;
+template class MonochromeVariant<short, MonoStorage::SignedBE, true>;
+template class MonochromeVariant<int, MonoStorage::SignedLE, false>;
+template class MonochromeVariant<int, MonoStorage::SignedLE, true>;
+template class MonochromeVariant<int, MonoStorage::SignedBE, false>;
+template class MonochromeVariant<int, MonoStorage::SignedBE, true>;
+template class MonochromeVariant<float, MonoStorage::FloatLE, false>;
+template class MonochromeVariant<float, MonoStorage::FloatLE, true>;
+template class MonochromeVariant<float, MonoStorage::FloatBE, false>;
+template class MonochromeVariant<float, MonoStorage::FloatBE, true>;
+template class MonochromeVariant<double, MonoStorage::FloatLE, false>;
+template class MonochromeVariant<double, MonoStorage::FloatLE, true>;
+template class MonochromeVariant<double, MonoStorage::FloatBE, false>;
+template class MonochromeVariant<double, MonoStorage::FloatBE, true>;
+
 }  // namespace lumoframekit

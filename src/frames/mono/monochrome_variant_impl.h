@@ -55,14 +55,14 @@ inline std::uint8_t wrappedByte(F scaled) {
 
 }  // namespace mono_detail
 
-template <typename Stored, MonoStorage Storage, bool BottomUp, std::uint32_t Bits>
-MonochromeVariant<Stored, Storage, BottomUp, Bits>::MonochromeVariant(std::int32_t w, std::int32_t h)
+template <typename Stored, MonoStorage Storage, bool BottomUp>
+MonochromeVariant<Stored, Storage, BottomUp>::MonochromeVariant(std::int32_t w, std::int32_t h, std::uint32_t bits)
     : MonochromeFrame(w, h, BottomUp ? 1 : 0, static_cast<std::int32_t>(sizeof(Stored))) {
-    bitsPerBand = Bits;
+    bitsPerBand = bits;
 }
 
-template <typename Stored, MonoStorage Storage, bool BottomUp, std::uint32_t Bits>
-std::int32_t MonochromeVariant<Stored, Storage, BottomUp, Bits>::getDataType() const {
+template <typename Stored, MonoStorage Storage, bool BottomUp>
+std::int32_t MonochromeVariant<Stored, Storage, BottomUp>::getDataType() const {
     switch (Storage) {
         case MonoStorage::Unsigned8:
         case MonoStorage::Inverted8: return DATATYPE_UINT8;
@@ -77,13 +77,13 @@ std::int32_t MonochromeVariant<Stored, Storage, BottomUp, Bits>::getDataType() c
     }
 }
 
-template <typename Stored, MonoStorage Storage, bool BottomUp, std::uint32_t Bits>
-std::uint32_t MonochromeVariant<Stored, Storage, BottomUp, Bits>::getBitsPerBand() const {
+template <typename Stored, MonoStorage Storage, bool BottomUp>
+std::uint32_t MonochromeVariant<Stored, Storage, BottomUp>::getBitsPerBand() const {
     return bitsPerBand;
 }
 
-template <typename Stored, MonoStorage Storage, bool BottomUp, std::uint32_t Bits>
-void MonochromeVariant<Stored, Storage, BottomUp, Bits>::getDisplayRow(std::uint8_t* dest, std::int32_t row) const {
+template <typename Stored, MonoStorage Storage, bool BottomUp>
+void MonochromeVariant<Stored, Storage, BottomUp>::getDisplayRow(std::uint8_t* dest, std::int32_t row) const {
     if (dest == nullptr || row < 0 || row >= height || !holdsWholeImage()) return;
     const std::size_t first = static_cast<std::size_t>(row) * static_cast<std::size_t>(width);
     for (std::int32_t i = 0; i < width; ++i) {
@@ -96,7 +96,7 @@ void MonochromeVariant<Stored, Storage, BottomUp, Bits>::getDisplayRow(std::uint
         } else if constexpr (Storage == MonoStorage::SignedLE || Storage == MonoStorage::SignedBE) {
             // Offset binary: the most negative value shows as 0, zero in the middle.
             using U = std::make_unsigned_t<Stored>;
-            const U offset = static_cast<U>(static_cast<U>(v) + (U{1} << (Bits - 1)));
+            const U offset = static_cast<U>(static_cast<U>(v) + (U{1} << (8 * sizeof(U) - 1)));
             shown = static_cast<std::uint8_t>(offset >> (getBitsPerBand() - 8));
         } else if constexpr (std::is_same_v<Stored, float>) {
             shown = mono_detail::wrappedByte<std::int32_t>(v * 255.0f);
@@ -107,8 +107,8 @@ void MonochromeVariant<Stored, Storage, BottomUp, Bits>::getDisplayRow(std::uint
     }
 }
 
-template <typename Stored, MonoStorage Storage, bool BottomUp, std::uint32_t Bits>
-void MonochromeVariant<Stored, Storage, BottomUp, Bits>::copyColumn(void* dest, std::int32_t column,
+template <typename Stored, MonoStorage Storage, bool BottomUp>
+void MonochromeVariant<Stored, Storage, BottomUp>::copyColumn(void* dest, std::int32_t column,
                                                                     const std::uint8_t* src) const {
     if (dest == nullptr || src == nullptr || column < 0 || column >= width || height <= 0) return;
     auto* out = static_cast<Stored*>(dest);
@@ -120,8 +120,8 @@ void MonochromeVariant<Stored, Storage, BottomUp, Bits>::copyColumn(void* dest, 
     }
 }
 
-template <typename Stored, MonoStorage Storage, bool BottomUp, std::uint32_t Bits>
-void MonochromeVariant<Stored, Storage, BottomUp, Bits>::copyColumnBlock(void* destBase, std::int32_t* firstColumn,
+template <typename Stored, MonoStorage Storage, bool BottomUp>
+void MonochromeVariant<Stored, Storage, BottomUp>::copyColumnBlock(void* destBase, std::int32_t* firstColumn,
                                                                          const std::uint8_t* src) const {
     if constexpr (sizeof(Stored) == 1 && (Storage == MonoStorage::Unsigned8 || Storage == MonoStorage::Inverted8)) {
         if (destBase == nullptr || firstColumn == nullptr || src == nullptr) return;
@@ -148,8 +148,8 @@ void MonochromeVariant<Stored, Storage, BottomUp, Bits>::copyColumnBlock(void* d
     }
 }
 
-template <typename Stored, MonoStorage Storage, bool BottomUp, std::uint32_t Bits>
-void MonochromeVariant<Stored, Storage, BottomUp, Bits>::copyRawData(std::uint8_t* dest, const std::uint8_t* src) const {
+template <typename Stored, MonoStorage Storage, bool BottomUp>
+void MonochromeVariant<Stored, Storage, BottomUp>::copyRawData(std::uint8_t* dest, const std::uint8_t* src) const {
     if constexpr (Storage == MonoStorage::Inverted8) {
         const std::int32_t bytes = rawBytes();
         for (std::int32_t i = 0; i < bytes; ++i) dest[i] = static_cast<std::uint8_t>(255 - src[i]);
