@@ -6,6 +6,7 @@
 #include "lumoframekit/frame_types.h"
 #include "lumoframekit/lumo_frame.h"
 #include "lumoframekit/memory_limiter.h"
+#include "lumoframekit/bayer_frame.h"
 #include "lumoframekit/metadata.h"
 #include "lumoframekit/monochrome_frame.h"
 #include "lumoframekit/packed_monochrome_frame.h"

@@ -1,4 +1,5 @@
 #include "frames/mono/monochrome_factory.h"
+#include "lumoframekit/bayer_frame.h"
 #include "lumoframekit/frame.h"
 
 namespace lumoframekit {
@@ -11,12 +12,30 @@ bool monochromeRange(std::uint32_t code) {
     return code - 0x11010000u <= 0x117u || code - 0x1101001Bu <= 0x7u || code - 0x1101011Bu <= 0x7u;
 }
 
+// Bayer codes 0x06030000 + 4 * group + pattern index: the group fixes depth and packing, the
+// pattern index 0..3 names the alignments 0, 1, 2 and 4.
+IFrame* makeBayerFrame(std::uint32_t code, std::int32_t width, std::int32_t height) {
+    struct Group {
+        std::uint32_t bits;
+        bool packed;
+        std::uint32_t variant;
+    };
+    static constexpr Group groups[9] = {{8, false, 0},  {10, false, 0}, {12, false, 0}, {14, false, 0}, {16, false, 0},
+                                        {10, true, 0},  {12, true, 0},  {10, true, 1},  {12, true, 1}};
+    static constexpr std::uint32_t alignments[4] = {0, 1, 2, 4};
+    const std::uint32_t index = code & 0xFFu;
+    const Group& group = groups[index / 4];
+    return new BayerFrame(static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height), group.bits,
+                          alignments[index % 4], group.packed, group.variant);
+}
+
 }  // namespace
 
 IFrame* frameFactory(frametypes::FRAMETYPE frameType, std::int32_t width, std::int32_t height) {
     const std::uint32_t code = frameType;
     IFrame* frame = nullptr;
     if (monochromeRange(code)) frame = makeMonochromeFrame(code, width, height);
+    else if (code - 0x06030000u <= 0x23u) frame = makeBayerFrame(code, width, height);
     if (frame == nullptr) return nullptr;
     frame->setFrameType(code);
     return frame;

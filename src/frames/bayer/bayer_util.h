@@ -1,0 +1,49 @@
+#pragma once
+#include <cstdint>
+#include <utility>
+
+namespace lumoframekit {
+namespace BayerUtil {
+
+// Colors of the top-left 2 x 2 cell of the sensor, row 0 then row 1. 3 is not a pattern: codes
+// 3 and above 4 demosaic nothing.
+enum BayerAlignment : std::uint32_t { grbg = 0, gbrg = 1, bggr = 2, rggb = 4 };
+
+// What a mosaic site holds, and where its missing colors lie.
+enum BayerSiteKind : std::uint32_t {
+    GreenOnRedRow = 0,   // green; red left and right, blue above and below
+    GreenOnBlueRow = 1,  // green; red above and below, blue left and right
+    Red = 2,             // red; blue on the diagonals
+    Blue = 3,            // blue; red on the diagonals
+};
+
+// One of the four demosaic tasks: every site of one kind over the whole image, read from the
+// mosaic padded by two reflected samples on every side, written into column-major planes.
+template <typename T>
+struct BayerTBBTask {
+    std::uint64_t columnLength;  // image height
+    std::uint64_t columnCount;   // image width
+    std::uint64_t firstColumn;   // padded column of the first site (2 or 3)
+    std::uint64_t firstRow;      // padded row of the first site (2 or 3)
+    std::uint64_t firstIndex;    // output index of the first site
+    std::int64_t upper;          // largest value a computed sample may take: the clamp bound truncated
+    T* planes[3];                // red, green, blue
+    const T* padded;
+    BayerSiteKind kind;
+
+    void operator()() const;
+};
+
+// Demosaics a column-major mosaic (element (y, x) at x * height + y) into three column-major
+// planes by gradient-corrected interpolation, in four parallel tasks, one per site kind. dims is
+// {height, width}. Computed values are clamped below 2^bits and truncated; each site's own color
+// is copied unchanged. Images smaller than 3 x 3 are padded by reflection held at the edges.
+void demosaic8(const std::uint8_t* mosaic, std::uint8_t* red, std::uint8_t* green, std::uint8_t* blue,
+               std::uint64_t pixels, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
+               std::uint32_t bits);
+void demosaic16(const std::uint16_t* mosaic, std::uint16_t* red, std::uint16_t* green, std::uint16_t* blue,
+                std::uint64_t pixels, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
+                std::uint32_t bits);
+
+}  // namespace BayerUtil
+}  // namespace lumoframekit
