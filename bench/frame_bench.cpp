@@ -31,7 +31,7 @@ std::vector<std::uint8_t> noise(std::size_t bytes) {
 // Fills a frame with noise (through a region copy for packed frames) and times getData.
 void runGetData(benchmark::State& state, FramePtr frame, std::size_t outBytes) {
     std::vector<std::uint8_t> raw = noise(frame->getBufferSize() + 64);
-    if (dynamic_cast<PackedMonochromeFrame*>(frame.get()))
+    if (dynamic_cast<PackedMonochromeFrame*>(frame.get()) || dynamic_cast<BayerFrame*>(frame.get()))
         frame->copyRegionToBuffer(raw.data(), kWidth, kHeight, 0, 0);
     else
         frame->setBufferData(raw.data());
@@ -67,6 +67,22 @@ void memcpyOf(benchmark::State& state, int outBytesPerPixel) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(bytes));
 }
 
+// getDataInColorSpace into a new host array, released after each call.
+void colorSpace(benchmark::State& state, std::uint32_t code, std::uint32_t request, int outBytesPerPixel) {
+    FramePtr frame(frameFactory(static_cast<frametypes::FRAMETYPE>(code), kWidth, kHeight));
+    std::vector<std::uint8_t> raw = noise(frame->getBufferSize());
+    frame->setBufferData(raw.data());
+    HostAllocator allocator;
+    for (auto _ : state) {
+        void* result = nullptr;
+        FrameDims dims{};
+        frame->getDataInColorSpace(&result, &dims, request, nullptr, 0, &allocator);
+        benchmark::DoNotOptimize(result);
+        allocator.release(result);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * kWidth * kHeight * outBytesPerPixel);
+}
+
 }  // namespace
 
 BENCHMARK_CAPTURE(memcpyOf, out_1_byte, 1);
@@ -80,5 +96,13 @@ BENCHMARK_CAPTURE(frameGetData, float_le_topdown, 0x11010013u, 4);
 BENCHMARK_CAPTURE(frameGetData, packed12_msb_first, 0x11010019u, 2);
 BENCHMARK_CAPTURE(frameGetData, packed12_lsb_first, 0x11010024u, 2);
 BENCHMARK_CAPTURE(frameGetData, packed10_4in5, 0x11010023u, 2);
+
+BENCHMARK_CAPTURE(memcpyOf, out_3_bytes, 3);
+BENCHMARK_CAPTURE(memcpyOf, out_6_bytes, 6);
+BENCHMARK_CAPTURE(frameGetData, bayer8_rggb_to_rgb, 0x06030003u, 3);
+BENCHMARK_CAPTURE(frameGetData, bayer12_rggb_to_rgb, 0x0603000Bu, 6);
+BENCHMARK_CAPTURE(frameGetData, bayer12_packed_rggb_to_rgb, 0x0603001Bu, 6);
+BENCHMARK_CAPTURE(colorSpace, mono8_to_rgb, 0x11010000u, COLORSPACE_RGB, 3);
+BENCHMARK_CAPTURE(colorSpace, bayer8_rgb_to_yuv, 0x06030003u, COLORSPACE_YUV, 3);
 
 BENCHMARK_MAIN();

@@ -7,10 +7,31 @@
 #include <new>
 #include <vector>
 
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace lumoframekit {
 namespace BayerUtil {
 
 namespace {
+
+// The task scheduler hands tasks over inside its own library, where ThreadSanitizer cannot see
+// the synchronisation; these make the hand-over and the completion visible to it.
+inline void handOver(const void* token) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_release(const_cast<void*>(token));
+#else
+    (void)token;
+#endif
+}
+inline void takeOver(const void* token) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_acquire(const_cast<void*>(token));
+#else
+    (void)token;
+#endif
+}
 
 // Image row or column of padded index p (image index p - 2), reflected about the edge sample
 // without repeating it. Images shorter than 3 reach past the far edge: those reads are held at it.
@@ -66,6 +87,7 @@ inline T clamped(std::int64_t scaled, int fractionBits, std::int64_t upper) {
 
 template <typename T>
 void BayerTBBTask<T>::operator()() const {
+    takeOver(padded);
     const std::uint64_t h = columnLength, w = columnCount;
     const std::int64_t col = static_cast<std::int64_t>(h + 4);
     std::uint64_t index = firstIndex;
@@ -101,6 +123,7 @@ void BayerTBBTask<T>::operator()() const {
         // On to the first site of the column two to the right.
         index = (p - 2 + 2) * h + (firstRow - 2);
     }
+    handOver(padded);
 }
 
 namespace {
@@ -140,9 +163,11 @@ void demosaic(const T* mosaic, T* red, T* green, T* blue, std::pair<std::uint32_
     for (const Site& site : sites) {
         const BayerTBBTask<T> task{height, width, site.column, site.row, (site.column - 2) * height + (site.row - 2),
                                    upper, {red, green, blue}, padded.get(), site.kind};
+        handOver(padded.get());
         group.run(task);
     }
     group.wait();
+    takeOver(padded.get());
 }
 
 }  // namespace
