@@ -67,6 +67,14 @@ protected:
     void allocateFrameBuffer();
     // Releases the buffer and credits the limiter with the current getBufferSize().
     void freeFrameBuffer();
+    // Fills the buffer with height rows of width pixels of bytesPerPixel bytes taken from a
+    // srcWidth x srcHeight image at (x, y), y counted from the top of the image; a bottom-up source
+    // holds its top rows last. A region outside the source copies nothing and gives null.
+    // Returns the start of the last row written, or the buffer (null when refused) for an empty
+    // region.
+    std::uint8_t* copyRowRegion(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,
+                                std::uint32_t x, std::uint32_t y, std::int32_t width, std::int32_t height,
+                                std::int32_t bytesPerPixel, bool bottomUp);
     // Stores item under name, replacing (and deleting) an item of the same name.
     void insertMetaData(const char* name, MetaDataItem* item);
 

@@ -7,6 +7,7 @@
 #include "lumoframekit/lumo_frame.h"
 #include "lumoframekit/memory_limiter.h"
 #include "lumoframekit/bayer_frame.h"
+#include "lumoframekit/color_frames.h"
 #include "lumoframekit/metadata.h"
 #include "lumoframekit/monochrome_frame.h"
 #include "lumoframekit/packed_monochrome_frame.h"

@@ -144,6 +144,23 @@ void LUMOFrame::freeFrameBuffer() {
     if (memoryLimiter != nullptr) memoryLimiter->decMemoryUsed(getBufferSize());
 }
 
+std::uint8_t* LUMOFrame::copyRowRegion(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,
+                                       std::uint32_t x, std::uint32_t y, std::int32_t width, std::int32_t height,
+                                       std::int32_t bytesPerPixel, bool bottomUp) {
+    if (width <= 0 || height <= 0) return allocateBuffer();  // nothing to copy
+    if (src == nullptr || bytesPerPixel <= 0 || static_cast<std::uint64_t>(x) + static_cast<std::uint64_t>(width) > srcWidth ||
+        static_cast<std::uint64_t>(y) + static_cast<std::uint64_t>(height) > srcHeight)
+        return nullptr;
+    const std::uint64_t firstRow = bottomUp ? srcHeight - static_cast<std::uint32_t>(height) - y : y;
+    std::uint8_t* target = allocateBuffer();
+    const std::size_t rowBytes = static_cast<std::size_t>(width) * static_cast<std::size_t>(bytesPerPixel);
+    if (target == nullptr || allocatedSize < rowBytes * static_cast<std::size_t>(height)) return nullptr;
+    const std::size_t srcStride = static_cast<std::size_t>(srcWidth) * static_cast<std::size_t>(bytesPerPixel);
+    const std::uint8_t* from = src + firstRow * srcStride + static_cast<std::size_t>(x) * bytesPerPixel;
+    for (std::int32_t i = 0; i < height; ++i) std::memcpy(target + i * rowBytes, from + i * srcStride, rowBytes);
+    return target + static_cast<std::size_t>(height - 1) * rowBytes;
+}
+
 void LUMOFrame::insertMetaData(const char* name, MetaDataItem* item) {
     std::string key;
     try {

@@ -100,21 +100,7 @@ void MonochromeFrame::getDataFromBuffer(void** dest, const std::uint8_t* src, st
 std::uint8_t* MonochromeFrame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth,
                                                   std::uint32_t srcHeight, std::uint32_t xOffset,
                                                   std::uint32_t yOffset) {
-    if (width <= 0 || height <= 0) return allocateBuffer();  // nothing to copy
-    // The region must lie inside the source; yOffset counts from the top of the image for both
-    // row orders, so the same test serves both.
-    if (src == nullptr || static_cast<std::uint64_t>(xOffset) + static_cast<std::uint64_t>(width) > srcWidth ||
-        static_cast<std::uint64_t>(yOffset) + static_cast<std::uint64_t>(height) > srcHeight)
-        return nullptr;
-    // A bottom-up source stores the image's top rows last.
-    const std::uint64_t firstRow = orientation == 1 ? srcHeight - static_cast<std::uint32_t>(height) - yOffset : yOffset;
-    std::uint8_t* target = allocateBuffer();
-    if (target == nullptr || !holdsWholeImage()) return nullptr;
-    const std::size_t rowBytes = static_cast<std::size_t>(width) * static_cast<std::size_t>(bytesPerPixel);
-    const std::size_t srcStride = static_cast<std::size_t>(srcWidth) * static_cast<std::size_t>(bytesPerPixel);
-    const std::uint8_t* from = src + firstRow * srcStride + static_cast<std::size_t>(xOffset) * bytesPerPixel;
-    for (std::int32_t i = 0; i < height; ++i) std::memcpy(target + i * rowBytes, from + i * srcStride, rowBytes);
-    return target + static_cast<std::size_t>(height - 1) * rowBytes;
+    return copyRowRegion(src, srcWidth, srcHeight, xOffset, yOffset, width, height, bytesPerPixel, orientation == 1);
 }
 
 }  // namespace lumoframekit

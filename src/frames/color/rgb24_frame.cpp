@@ -1,0 +1,152 @@
+#include <algorithm>
+#include <cstring>
+
+#include "frames/color/tiling.h"
+#include "frames/core/planes.h"
+#include "lumoframekit/color_frames.h"
+
+namespace lumoframekit {
+
+namespace {
+
+struct Rgb24Format {
+    std::int32_t bytesPerPixel;
+    std::int32_t bitsPerSample;
+    std::int32_t bytesPerSample;
+    bool isSigned;
+    // Per channel R, G, B: the source byte of the host sample's low byte, then of its high byte.
+    std::uint8_t offsets[3][2];
+};
+
+constexpr Rgb24Format rgb24Formats[18] = {
+    {3, 8, 1, false, {{0, 0}, {1, 1}, {2, 2}}},   {3, 8, 1, false, {{2, 2}, {1, 1}, {0, 0}}},
+    {4, 8, 1, false, {{0, 0}, {1, 1}, {2, 2}}},   {4, 8, 1, false, {{2, 2}, {1, 1}, {0, 0}}},
+    {4, 8, 1, false, {{1, 1}, {2, 2}, {3, 3}}},   {4, 8, 1, false, {{3, 3}, {2, 2}, {1, 1}}},
+    {6, 16, 2, false, {{0, 1}, {2, 3}, {4, 5}}},  {6, 16, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
+    {6, 16, 2, false, {{1, 0}, {3, 2}, {5, 4}}},  {6, 16, 2, false, {{5, 4}, {3, 2}, {1, 0}}},
+    {6, 16, 2, true, {{0, 1}, {2, 3}, {4, 5}}},   {6, 16, 2, true, {{4, 5}, {2, 3}, {0, 1}}},
+    {6, 16, 2, true, {{1, 0}, {3, 2}, {5, 4}}},   {6, 16, 2, true, {{5, 4}, {3, 2}, {1, 0}}},
+    {6, 10, 2, false, {{0, 1}, {2, 3}, {4, 5}}},  {6, 10, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
+    {6, 12, 2, false, {{0, 1}, {2, 3}, {4, 5}}},  {6, 12, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
+};
+
+// Subtypes outside the table hold no pixels and convert nothing.
+constexpr Rgb24Format noFormat = {0, 0, 0, false, {}};
+
+const Rgb24Format& formatOf(std::int32_t subtype) {
+    return subtype >= 0 && subtype < 18 ? rgb24Formats[subtype] : noFormat;
+}
+
+template <int SampleBytes>
+void convertTile(const Rgb24Format& f, const Planes& out, const std::uint8_t* src, std::int64_t stride,
+                 std::int64_t height, bool bottomUp, std::int64_t x0, std::int64_t x1, std::int64_t y0,
+                 std::int64_t y1) {
+    for (int c = 0; c < 3; ++c) {
+        std::uint8_t* plane = out.plane[c];
+        const std::uint8_t lo = f.offsets[c][0], hi = f.offsets[c][1];
+        for (std::int64_t x = x0; x < x1; ++x) {
+            const std::uint8_t* column = src + x * f.bytesPerPixel;
+            std::uint8_t* target = plane + (x * height + y0) * SampleBytes;
+            for (std::int64_t y = y0; y < y1; ++y, target += SampleBytes) {
+                const std::uint8_t* pixel = column + (bottomUp ? height - 1 - y : y) * stride;
+                target[0] = pixel[lo];
+                if constexpr (SampleBytes == 2) target[1] = pixel[hi];
+            }
+        }
+    }
+}
+
+}  // namespace
+
+RGB24Frame::RGB24Frame(std::int32_t w, std::int32_t h, std::int32_t sub, bool flip)
+    : LUMOFrame(w, h, formatOf(sub).bytesPerPixel, COLORSPACE_RGB),
+      dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3},
+      width(w),
+      height(h),
+      rowStride(static_cast<std::int32_t>(static_cast<std::uint32_t>(formatOf(sub).bytesPerPixel) * static_cast<std::uint32_t>(w))),
+      bottomUp(flip ? 1 : 0),
+      planeSize(static_cast<std::int64_t>(w) * h * formatOf(sub).bytesPerSample),
+      subtype(sub),
+      tileColumns(0),
+      tileRows(0),
+      tiled(false) {
+    const Tiling tiling = colorTiling(w, h);
+    tiled = tiling.on;
+    tileColumns = tiling.columns;
+    tileRows = tiling.rows;
+}
+
+std::int32_t RGB24Frame::getDataType() const {
+    const Rgb24Format& f = formatOf(subtype);
+    if (f.bytesPerSample != 2) return DATATYPE_UINT8;
+    return f.isSigned ? DATATYPE_INT16 : DATATYPE_UINT16;
+}
+
+std::int64_t RGB24Frame::getAlignedSize() const {
+    // 32 bits a pixel for subtype 3 only, as hosts expect.
+    const std::int64_t bitsPerPixel = subtype == 3 ? 32 : 24;
+    return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(bitsPerPixel * width)) / 8, height);
+}
+
+std::uint32_t RGB24Frame::getBitsPerBand() const { return static_cast<std::uint32_t>(formatOf(subtype).bitsPerSample); }
+const FrameDims* RGB24Frame::getDimensions() const { return &dims; }
+
+void RGB24Frame::convert(void** dest, const std::uint8_t* src) const {
+    const Rgb24Format& f = formatOf(subtype);
+    if (f.bytesPerPixel == 0 || width <= 0 || height <= 0 || src == nullptr) return;
+    const Planes out = planesOf(dest, static_cast<std::uint64_t>(planeSize));
+    if (!out.valid) return;
+    const Tiling tiling{tiled, tileColumns, tileRows};
+    const std::int64_t stride = static_cast<std::int64_t>(width) * f.bytesPerPixel;
+    forEachTile(width, height, tiling, [&](std::int64_t x0, std::int64_t x1, std::int64_t y0, std::int64_t y1) {
+        if (f.bytesPerSample == 1) convertTile<1>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
+        else convertTile<2>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
+    });
+}
+
+void RGB24Frame::getData(void** dest) {
+    if (!isBufferAllocated()) return;
+    const Rgb24Format& f = formatOf(subtype);
+    if (allocatedSize < static_cast<std::uint64_t>(std::max(0, width)) * static_cast<std::uint64_t>(std::max(0, height)) * f.bytesPerPixel) return;
+    convert(dest, buffer);
+}
+
+void RGB24Frame::getDataFromBuffer(void** dest, const std::uint8_t* src, std::int32_t rawCopy) {
+    if (rawCopy == 0) {
+        convert(dest, src);
+        return;
+    }
+    const Rgb24Format& f = formatOf(subtype);
+    if (dest == nullptr || dest[0] == nullptr || src == nullptr || f.bytesPerPixel == 0 || width <= 0 || height <= 0) return;
+    auto* out = static_cast<std::uint8_t*>(dest[0]);
+    const std::int64_t s = f.bitsPerSample / 8;
+    const bool padded = f.bytesPerPixel > 3 * s;
+    const std::uint8_t* o = &f.offsets[0][0];
+    const bool lead = padded && std::find(o, o + 6, 0) == o + 6;
+    const bool reversed = !std::is_sorted(o, o + 6);
+    const std::int64_t pixels = static_cast<std::int64_t>(width) * height;
+    if (!padded && !reversed) {
+        std::memmove(out, src, static_cast<std::size_t>(pixels * f.bytesPerSample * 3));
+    } else if (f.bitsPerSample == 8 || f.bitsPerSample == 16) {
+        // Three samples (bytes, or 16-bit units whose bytes stay as stored) from each pixel.
+        const std::int64_t unit = s, perPixel = f.bytesPerPixel / s;
+        for (std::int64_t p = 0; p < pixels; ++p) {
+            const std::uint8_t* from = src + unit * (p * perPixel + (lead ? 1 : 0));
+            std::uint8_t* to = out + p * 3 * unit;
+            for (int k = 0; k < 3; ++k) std::memcpy(to + k * unit, from + (reversed ? 2 - k : k) * unit, static_cast<std::size_t>(unit));
+        }
+    }
+    if (bottomUp != 1 || height < 2) return;
+    const std::size_t rowBytes = static_cast<std::size_t>(s * width * 3);
+    for (std::int32_t r = 0; r < height / 2; ++r)
+        std::swap_ranges(out + r * rowBytes, out + (r + 1) * rowBytes, out + (height - 1 - r) * rowBytes);
+}
+
+std::uint8_t* RGB24Frame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,
+                                             std::uint32_t xOffset, std::uint32_t yOffset) {
+    const std::int32_t bytesPerPixel = formatOf(subtype).bytesPerPixel;
+    if (bytesPerPixel == 0) return nullptr;
+    return copyRowRegion(src, srcWidth, srcHeight, xOffset, yOffset, width, height, bytesPerPixel, bottomUp == 1);
+}
+
+}  // namespace lumoframekit

@@ -1,0 +1,124 @@
+#include <algorithm>
+#include <cstring>
+
+#include "frames/color/tiling.h"
+#include "frames/core/planes.h"
+#include "lumoframekit/color_frames.h"
+
+namespace lumoframekit {
+
+namespace {
+
+struct PlanarFormat {
+    std::int32_t bitsPerSample;
+    std::int32_t bytesPerSample;
+    bool isSigned;
+    bool bigEndian;
+};
+
+constexpr PlanarFormat planarFormats[9] = {
+    {8, 1, false, false},  {16, 2, false, false}, {16, 2, false, true}, {16, 2, true, false}, {16, 2, true, true},
+    {10, 2, false, false}, {12, 2, false, false}, {14, 2, false, false}, {8, 1, true, false},
+};
+constexpr PlanarFormat noFormat = {0, 0, false, false};
+
+const PlanarFormat& formatOf(std::int32_t subtype) {
+    return subtype >= 0 && subtype < 9 ? planarFormats[subtype] : noFormat;
+}
+
+// One row-major source plane into one column-major host plane; big-endian samples are swapped
+// into host order.
+template <int SampleBytes, bool Swap>
+void transposePlane(const std::uint8_t* src, std::uint8_t* out, std::int64_t width, std::int64_t height,
+                    const Tiling& tiling) {
+    forEachTile(width, height, tiling, [&](std::int64_t x0, std::int64_t x1, std::int64_t y0, std::int64_t y1) {
+        for (std::int64_t x = x0; x < x1; ++x) {
+            std::uint8_t* target = out + (x * height + y0) * SampleBytes;
+            for (std::int64_t y = y0; y < y1; ++y, target += SampleBytes) {
+                const std::uint8_t* sample = src + (y * width + x) * SampleBytes;
+                for (int k = 0; k < SampleBytes; ++k) target[k] = sample[Swap ? SampleBytes - 1 - k : k];
+            }
+        }
+    });
+}
+
+}  // namespace
+
+RGB24Planar::RGB24Planar(std::int32_t w, std::int32_t h, std::int32_t sub)
+    : LUMOFrame(w, h, 3 * formatOf(sub).bytesPerSample, COLORSPACE_RGB),
+      dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3},
+      width(w),
+      height(h),
+      planeSize(static_cast<std::int64_t>(w) * h * formatOf(sub).bytesPerSample),
+      subtype(sub) {}
+
+std::int32_t RGB24Planar::getDataType() const {
+    const PlanarFormat& f = formatOf(subtype);
+    if (f.bytesPerSample == 2) return f.isSigned ? DATATYPE_INT16 : DATATYPE_UINT16;
+    return f.isSigned ? DATATYPE_INT8 : DATATYPE_UINT8;
+}
+
+std::int64_t RGB24Planar::getAlignedSize() const {
+    return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
+}
+
+std::uint32_t RGB24Planar::getBitsPerBand() const { return static_cast<std::uint32_t>(formatOf(subtype).bitsPerSample); }
+const FrameDims* RGB24Planar::getDimensions() const { return &dims; }
+
+void RGB24Planar::convert(void** dest, const std::uint8_t* src) const {
+    const PlanarFormat& f = formatOf(subtype);
+    if (f.bytesPerSample == 0 || width <= 0 || height <= 0 || src == nullptr) return;
+    const Planes out = planesOf(dest, static_cast<std::uint64_t>(planeSize));
+    if (!out.valid) return;
+    const Tiling tiling = colorTiling(width, height);
+    for (int band = 0; band < 3; ++band) {
+        const std::uint8_t* plane = src + band * planeSize;
+        if (f.bytesPerSample == 1) transposePlane<1, false>(plane, out.plane[band], width, height, tiling);
+        else if (f.bigEndian) transposePlane<2, true>(plane, out.plane[band], width, height, tiling);
+        else transposePlane<2, false>(plane, out.plane[band], width, height, tiling);
+    }
+}
+
+void RGB24Planar::getData(void** dest) {
+    if (!isBufferAllocated() || planeSize <= 0 || allocatedSize < static_cast<std::uint64_t>(3 * planeSize)) return;
+    convert(dest, buffer);
+}
+
+void RGB24Planar::getDataFromBuffer(void** dest, const std::uint8_t* src, std::int32_t rawCopy) {
+    if (rawCopy == 0) {
+        convert(dest, src);
+        return;
+    }
+    const PlanarFormat& f = formatOf(subtype);
+    if (dest == nullptr || dest[0] == nullptr || src == nullptr || width <= 0 || height <= 0) return;
+    if (f.bitsPerSample != 8 && f.bitsPerSample != 16) return;
+    // Sample i of the R, G and B planes side by side; 16-bit units keep their stored byte order.
+    auto* out = static_cast<std::uint8_t*>(dest[0]);
+    const std::int64_t unit = f.bytesPerSample, pixels = static_cast<std::int64_t>(width) * height;
+    for (std::int64_t i = 0; i < pixels; ++i)
+        for (int band = 0; band < 3; ++band)
+            std::memcpy(out + (3 * i + band) * unit, src + band * planeSize + i * unit, static_cast<std::size_t>(unit));
+}
+
+std::uint8_t* RGB24Planar::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,
+                                              std::uint32_t xOffset, std::uint32_t yOffset) {
+    const PlanarFormat& f = formatOf(subtype);
+    if (src == nullptr || f.bytesPerSample == 0 || !regionInside(width, height, srcWidth, srcHeight, xOffset, yOffset))
+        return nullptr;
+    std::uint8_t* target = allocateBuffer();
+    if (target == nullptr || width <= 0 || height <= 0) return target;
+    if (allocatedSize < static_cast<std::uint64_t>(3 * planeSize)) return nullptr;
+    const std::int64_t bps = f.bytesPerSample;
+    const std::int64_t srcPlane = static_cast<std::int64_t>(srcWidth) * srcHeight;
+    const std::size_t rowBytes = static_cast<std::size_t>(width * bps);
+    for (int band = 0; band < 3; ++band) {
+        std::uint8_t* to = target + band * planeSize;
+        // The origin term is in samples of one byte whatever the sample size, as hosts rely on.
+        const std::uint8_t* from = src + band * srcPlane * bps + (static_cast<std::int64_t>(yOffset) * srcWidth + xOffset);
+        for (std::int32_t i = 0; i < height; ++i)
+            std::memcpy(to + i * rowBytes, from + i * srcWidth * bps, rowBytes);
+    }
+    return target;
+}
+
+}  // namespace lumoframekit

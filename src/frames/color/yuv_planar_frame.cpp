@@ -1,0 +1,139 @@
+#include <algorithm>
+#include <cstring>
+
+#include "frames/core/planes.h"
+#include "lumoframekit/color_frames.h"
+
+namespace lumoframekit {
+
+namespace {
+
+enum PlaneId { Y = 0, U = 1, V = 2 };
+
+// The subsampling factor and the order of the planes in the buffer.
+struct PlanarYuvFormat {
+    std::int32_t factor;
+    PlaneId order[3];
+};
+
+constexpr PlanarYuvFormat planarYuvFormats[3] = {{4, {Y, V, U}}, {2, {Y, V, U}}, {2, {Y, U, V}}};
+
+const PlanarYuvFormat* formatOf(std::int32_t subtype) {
+    return subtype >= 0 && subtype < 3 ? &planarYuvFormats[subtype] : nullptr;
+}
+
+std::int32_t roundedUp(std::int32_t value, std::int32_t factor) {
+    return value <= 0 ? value : static_cast<std::int32_t>((static_cast<std::int64_t>(value) + factor - 1) / factor * factor);
+}
+
+// Byte offsets of the Y, U and V planes in a buffer laid out in the format's order.
+struct PlaneOffsets {
+    std::int64_t at[3];
+};
+
+PlaneOffsets offsetsOf(const PlanarYuvFormat& f, std::int64_t luma, std::int64_t chroma) {
+    PlaneOffsets offsets{};
+    std::int64_t next = 0;
+    for (PlaneId id : f.order) {
+        offsets.at[id] = next;
+        next += id == Y ? luma : chroma;
+    }
+    return offsets;
+}
+
+}  // namespace
+
+YUVPlanarFrame::YUVPlanarFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
+    : LUMOFrame(w, h, 0, COLORSPACE_YUV),
+      subtype(sub),
+      dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3},
+      width(w),
+      height(h),
+      paddedWidth(0),
+      paddedHeight(0),
+      lumaSize(0),
+      chromaSize(0) {
+    // Negative dimensions hold no pixels.
+    const PlanarYuvFormat* f = formatOf(sub);
+    bufferSize = 0;
+    if (f != nullptr && w >= 0 && h >= 0) {
+        paddedWidth = roundedUp(w, f->factor);
+        paddedHeight = roundedUp(h, f->factor);
+        lumaSize = static_cast<std::int64_t>(paddedWidth) * paddedHeight;
+        chromaSize = static_cast<std::int64_t>(static_cast<std::uint64_t>(lumaSize) / static_cast<std::uint64_t>(f->factor) /
+                                               static_cast<std::uint64_t>(f->factor));
+        bufferSize = static_cast<std::uint64_t>(lumaSize + 2 * chromaSize);
+    }
+}
+
+std::int32_t YUVPlanarFrame::getDataType() const { return DATATYPE_UINT8; }
+std::int64_t YUVPlanarFrame::getAlignedSize() const {
+    return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
+}
+std::uint32_t YUVPlanarFrame::getBitsPerBand() const { return 8; }
+const FrameDims* YUVPlanarFrame::getDimensions() const { return &dims; }
+
+void YUVPlanarFrame::getData(void** dest) {
+    const PlanarYuvFormat* f = formatOf(subtype);
+    if (!isBufferAllocated() || f == nullptr || width <= 0 || height <= 0) return;
+    if (allocatedSize < static_cast<std::uint64_t>(lumaSize + 2 * chromaSize)) return;
+    const std::int64_t h = height, factor = f->factor, chromaRow = paddedWidth / factor;
+    const Planes out = planesOf(dest, static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(h));
+    if (!out.valid) return;
+    const PlaneOffsets planes = offsetsOf(*f, lumaSize, chromaSize);
+    const std::uint8_t* luma = buffer + planes.at[Y];
+    const std::uint8_t* u = buffer + planes.at[U];
+    const std::uint8_t* v = buffer + planes.at[V];
+    for (std::int64_t x = 0; x < width; ++x) {
+        const std::int64_t first = x * h;
+        for (std::int64_t y = 0; y < h; ++y) {
+            const std::int64_t chroma = chromaRow * (y / factor) + x / factor;
+            out.plane[0][first + y] = luma[paddedWidth * y + x];
+            out.plane[1][first + y] = u[chroma];
+            out.plane[2][first + y] = v[chroma];
+        }
+    }
+}
+
+std::uint8_t* YUVPlanarFrame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth,
+                                                 std::uint32_t srcHeight, std::uint32_t xOffset, std::uint32_t yOffset) {
+    const PlanarYuvFormat* f = formatOf(subtype);
+    if (f == nullptr || src == nullptr || !regionInside(width, height, srcWidth, srcHeight, xOffset, yOffset))
+        return nullptr;
+    if (xOffset == 0 && yOffset == 0 && srcWidth == static_cast<std::uint32_t>(width) &&
+        srcHeight == static_cast<std::uint32_t>(height)) {
+        setBufferData(src);
+        return buffer;
+    }
+    const std::int64_t factor = f->factor;
+    const std::int64_t srcLuma = static_cast<std::int64_t>(srcWidth) * srcHeight;
+    const std::int64_t srcChroma = srcLuma / factor / factor, srcChromaRow = srcWidth / factor;
+    const std::int64_t srcTotal = srcLuma + 2 * srcChroma;
+    const PlaneOffsets from = offsetsOf(*f, srcLuma, srcChroma);
+    const std::int64_t chromaBytes = paddedWidth / factor;
+    // Padded rows may reach past the region: every byte read must still lie in the source.
+    if (height > 0) {
+        const std::int64_t lastLuma = (yOffset + height - 1) * static_cast<std::int64_t>(srcWidth) + xOffset + paddedWidth;
+        const std::int64_t lastChromaRow = yOffset / factor + (height - 1) / factor;
+        const std::int64_t lastChroma =
+            std::max(from.at[U], from.at[V]) + lastChromaRow * srcChromaRow + xOffset / factor + chromaBytes;
+        if (lastLuma > srcTotal || lastChroma > srcTotal) return nullptr;
+    }
+    std::uint8_t* target = allocateBuffer();
+    if (target == nullptr || height <= 0) return target;
+    if (allocatedSize < static_cast<std::uint64_t>(lumaSize + 2 * chromaSize)) return nullptr;
+    const PlaneOffsets to = offsetsOf(*f, lumaSize, chromaSize);
+    for (std::int64_t row = 0; row < height; ++row) {
+        std::memcpy(target + to.at[Y] + row * paddedWidth, src + (yOffset + row) * srcWidth + xOffset,
+                    static_cast<std::size_t>(paddedWidth));
+        if (row % factor != 0) continue;
+        const std::int64_t chromaRowIndex = row / factor;
+        for (PlaneId id : {U, V})
+            std::memcpy(target + to.at[id] + chromaRowIndex * chromaBytes,
+                        src + from.at[id] + (yOffset / factor + chromaRowIndex) * srcChromaRow + xOffset / factor,
+                        static_cast<std::size_t>(chromaBytes));
+    }
+    return target;
+}
+
+}  // namespace lumoframekit

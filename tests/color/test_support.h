@@ -1,0 +1,35 @@
+#pragma once
+// Small helpers shared by the color frame tests.
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "lumoframekit/lumoframekit.h"
+
+namespace lumotest {
+
+struct FrameDeleter {
+    void operator()(lumoframekit::IFrame* f) const { delete f; }
+};
+using FramePtr = std::unique_ptr<lumoframekit::IFrame, FrameDeleter>;
+
+inline FramePtr make(std::uint32_t code, int width, int height) {
+    return FramePtr(lumoframekit::frameFactory(static_cast<lumoframekit::frametypes::FRAMETYPE>(code), width, height));
+}
+
+inline std::vector<std::uint8_t> noise(std::size_t bytes, std::mt19937& rng) {
+    std::vector<std::uint8_t> v(bytes);
+    for (auto& b : v) b = static_cast<std::uint8_t>(rng());
+    return v;
+}
+
+// getData into one block of three planes, pre-filled with a sentinel.
+inline std::vector<std::uint8_t> planesOf(lumoframekit::IFrame& frame, std::size_t bytes, std::uint8_t fill = 0xA7) {
+    std::vector<std::uint8_t> out(bytes, fill);
+    void* dest[] = {out.data(), nullptr};
+    frame.getData(dest);
+    return out;
+}
+
+}  // namespace lumotest
