@@ -31,10 +31,7 @@ std::vector<std::uint8_t> noise(std::size_t bytes) {
 // Fills a frame with noise (through a region copy for packed frames) and times getData.
 void runGetData(benchmark::State& state, FramePtr frame, std::size_t outBytes) {
     std::vector<std::uint8_t> raw = noise(frame->getBufferSize() + 64);
-    if (dynamic_cast<PackedMonochromeFrame*>(frame.get()) || dynamic_cast<BayerFrame*>(frame.get()))
-        frame->copyRegionToBuffer(raw.data(), kWidth, kHeight, 0, 0);
-    else
-        frame->setBufferData(raw.data());
+    frame->setBufferData(raw.data());
     std::vector<std::uint8_t> out(outBytes);
     void* dest[] = {out.data(), nullptr};
     for (auto _ : state) {
@@ -83,8 +80,36 @@ void colorSpace(benchmark::State& state, std::uint32_t code, std::uint32_t reque
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * kWidth * kHeight * outBytesPerPixel);
 }
 
+// A steady acquisition: take a frame, fill its buffer, release it; frames per second.
+void poolAcquisition(benchmark::State& state) {
+    MemoryLimiter limiter(0, 1ull << 30);
+    FramePool* pool = createFramePool(&limiter);
+    pool->startReserver(2, 4);
+    const std::vector<std::uint8_t> image = noise(static_cast<std::size_t>(kWidth) * kHeight);
+    for (auto _ : state) {
+        IFrame* frame = pool->getFrame(0x11010000u, kWidth, kHeight);
+        frame->setBufferData(image.data());
+        frame->release();
+    }
+    state.counters["frames_per_second"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    pool->destroy();
+}
+
+// The same without a pool: a new frame and buffer for every image.
+void newFramePerImage(benchmark::State& state) {
+    const std::vector<std::uint8_t> image = noise(static_cast<std::size_t>(kWidth) * kHeight);
+    for (auto _ : state) {
+        IFrame* frame = frameFactory(static_cast<frametypes::FRAMETYPE>(0x11010000u), kWidth, kHeight);
+        frame->setBufferData(image.data());
+        frame->release();
+    }
+    state.counters["frames_per_second"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
 }  // namespace
 
+BENCHMARK(poolAcquisition)->UseRealTime();
+BENCHMARK(newFramePerImage)->UseRealTime();
 BENCHMARK_CAPTURE(memcpyOf, out_1_byte, 1);
 BENCHMARK_CAPTURE(memcpyOf, out_2_bytes, 2);
 BENCHMARK_CAPTURE(memcpyOf, out_4_bytes, 4);
@@ -104,5 +129,13 @@ BENCHMARK_CAPTURE(frameGetData, bayer12_rggb_to_rgb, 0x0603000Bu, 6);
 BENCHMARK_CAPTURE(frameGetData, bayer12_packed_rggb_to_rgb, 0x0603001Bu, 6);
 BENCHMARK_CAPTURE(colorSpace, mono8_to_rgb, 0x11010000u, COLORSPACE_RGB, 3);
 BENCHMARK_CAPTURE(colorSpace, bayer8_rgb_to_yuv, 0x06030003u, COLORSPACE_YUV, 3);
+BENCHMARK_CAPTURE(frameGetData, rgb24_rgb, 0x01000000u, 3);
+BENCHMARK_CAPTURE(frameGetData, rgb32_bgrx, 0x01000003u, 3);
+BENCHMARK_CAPTURE(frameGetData, rgb565, 0x05000001u, 3);
+BENCHMARK_CAPTURE(frameGetData, planar_rgb8, 0x02000000u, 3);
+BENCHMARK_CAPTURE(frameGetData, yuv422_packed, 0x03000000u, 3);
+BENCHMARK_CAPTURE(frameGetData, yuv420_planar, 0x04000002u, 3);
+BENCHMARK_CAPTURE(frameGetData, yuv420_semi_planar, 0x07000001u, 3);
+BENCHMARK_CAPTURE(colorSpace, yuv422_to_rgb, 0x03000000u, COLORSPACE_RGB, 3);
 
 BENCHMARK_MAIN();

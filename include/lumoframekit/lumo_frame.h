@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -86,7 +87,9 @@ protected:
     std::int32_t refCount;
     double timeStamp;
     rigutil::RGCriticalSection lock;  // guards refCount only
-    FramePool* framePool;
+    // Atomic because a pool detaches the frames it hands out (clear, stopReserver) while their
+    // holders may be releasing them on other threads.
+    std::atomic<FramePool*> framePool;
     IMemoryLimiter* memoryLimiter;
     // Bytes the current buffer was allocated with (0 without a buffer): the conversions check
     // their reads against it, since getBufferSize may change after the allocation.

@@ -87,6 +87,8 @@ void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint
 
     const std::uint32_t bits = getBitsPerBand();
     const std::uint64_t sampleBytes = (bits + 7) / 8;
+    // A frame without a format of its own (a subtype outside its tables) has no samples to give.
+    if (sampleBytes != elementSize(getDataType())) return;
     const std::uint64_t n = static_cast<std::uint64_t>(dims.width) * dims.height;
     HostArray data(host, sampleBytes * n * dims.bands);
     void* list[] = {data.get(), nullptr};

@@ -52,7 +52,7 @@ LUMOFrame::LUMOFrame(std::int32_t width, std::int32_t height, std::int32_t bytes
       bufferSlack(0) {}
 
 LUMOFrame::~LUMOFrame() {
-    if (framePool != nullptr) framePool->removeFrame(this);
+    if (FramePool* pool = framePool.load()) pool->removeFrame(this);
     freeFrameBuffer();
     for (auto& entry : metaData) delete entry.second;
 }
@@ -80,8 +80,8 @@ std::int32_t LUMOFrame::decRefCount() {
 }
 
 void LUMOFrame::release() {
-    if (framePool != nullptr) {
-        framePool->returnFrame(this);
+    if (FramePool* pool = framePool.load()) {
+        pool->returnFrame(this);
     } else {
         delete this;
     }
@@ -227,7 +227,7 @@ void LUMOFrame::addIntegerMetaData(const char* name, std::int64_t value) {
 }
 
 void LUMOFrame::setFramePool(FramePool* pool) { framePool = pool; }
-FramePool* LUMOFrame::getFramePool() const { return framePool; }
+FramePool* LUMOFrame::getFramePool() const { return framePool.load(); }
 void LUMOFrame::setMemoryLimiter(IMemoryLimiter* limiter) { memoryLimiter = limiter; }
 IMemoryLimiter* LUMOFrame::getMemoryLimiter() const { return memoryLimiter; }
 
