@@ -130,6 +130,18 @@ TEST(RGB24Frame, DocumentedValuesAndOddities) {
     EXPECT_EQ(make(0x01000006, 5, 2)->getAlignedSize(), 32);
 }
 
+TEST(RGB24Frame, TenAndTwelveBitRawCopyOfABottomUpFrameOnlyFlipsTheDestination) {
+    for (std::uint32_t subtype : {14u, 17u}) {
+        FramePtr frame = make(0x01000100u | subtype, 2, 2);
+        const std::vector<std::uint8_t> raw(24, 0xEE);
+        // Rows of 3 * width bytes: 1 1 1 1 1 1 then 2 2 2 2 2 2; the rest untouched.
+        std::vector<std::uint8_t> dest = {1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 7, 7};
+        void* list[] = {dest.data(), nullptr};
+        frame->getDataFromBuffer(list, raw.data(), 1);
+        EXPECT_EQ(dest, (std::vector<std::uint8_t>{2, 2, 2, 2, 2, 2, 1, 1, 1, 1, 1, 1, 7, 7}));
+    }
+}
+
 TEST(RGB24Frame, RegionFillsCountRowsFromTheTop) {
     std::mt19937 rng(12);
     const int sw = 9, sh = 7, w = 4, h = 3;
