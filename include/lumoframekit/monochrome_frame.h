@@ -56,6 +56,9 @@ protected:
     std::int32_t tileRows;     // rows per tile of the blocked copy-out; 1 = not blocked
     std::uint32_t bitsPerBand;
     FrameDims dims;  // what getDimensions reports: width, height, bands
+    // How a stored sample becomes a host sample, for the whole-image copy-out: 0 as stored,
+    // 1 bytes reversed, 2 complemented.
+    std::uint8_t sampleMapping;
 };
 
 // How a variant reads one stored sample.

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "frames/core/l1_cache.h"
+#include "frames/core/transpose.h"
 
 namespace lumoframekit {
 
@@ -18,7 +19,8 @@ MonochromeFrame::MonochromeFrame(std::int32_t w, std::int32_t h, std::int32_t ro
       tileColumns(1),
       tileRows(1),
       bitsPerBand(static_cast<std::uint32_t>(8 * bpp)),
-      dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 1} {}
+      dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 1},
+      sampleMapping(0) {}
 
 const FrameDims* MonochromeFrame::getDimensions() const { return &dims; }
 
@@ -61,9 +63,18 @@ void MonochromeFrame::copyRawData(std::uint8_t* dest, const std::uint8_t* src) c
 void MonochromeFrame::convert(void* out, const std::uint8_t* src) const {
     if (width <= 0 || height <= 0) return;
     if (tileColumns <= 1) {
-        auto* column = static_cast<std::uint8_t*>(out);
-        const std::size_t step = static_cast<std::size_t>(bytesPerPixel) * static_cast<std::size_t>(height);
-        for (std::int32_t c = 0; c < width; ++c, column += step) copyColumn(column, c, src);
+        // Every column as copyColumn writes it, in one blocked transpose of the whole image.
+        const auto op = static_cast<SampleOp>(sampleMapping);
+        const std::size_t w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
+        auto* target = static_cast<std::uint8_t*>(out);
+        const bool flip = orientation == 1;
+        switch (bytesPerPixel) {
+            case 1: transposeSamples<1>(src, w, target, h, h, w, flip, op); break;
+            case 2: transposeSamples<2>(src, 2 * w, target, h, h, w, flip, op); break;
+            case 4: transposeSamples<4>(src, 4 * w, target, h, h, w, flip, op); break;
+            case 8: transposeSamples<8>(src, 8 * w, target, h, h, w, flip, op); break;
+            default: break;
+        }
         return;
     }
     // Each strip locates its own columns in the whole array.

@@ -7,6 +7,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "frames/core/transpose.h"
 #include "lumoframekit/monochrome_frame.h"
 
 namespace lumoframekit {
@@ -59,6 +60,9 @@ template <typename Stored, MonoStorage Storage, bool BottomUp>
 MonochromeVariant<Stored, Storage, BottomUp>::MonochromeVariant(std::int32_t w, std::int32_t h, std::uint32_t bits)
     : MonochromeFrame(w, h, BottomUp ? 1 : 0, static_cast<std::int32_t>(sizeof(Stored))) {
     bitsPerBand = bits;
+    sampleMapping = static_cast<std::uint8_t>(Storage == MonoStorage::Inverted8 ? SampleOp::Complement
+                                              : mono_detail::bigEndian(Storage) ? SampleOp::ByteSwap
+                                                                                : SampleOp::Copy);
 }
 
 template <typename Stored, MonoStorage Storage, bool BottomUp>
@@ -126,22 +130,18 @@ void MonochromeVariant<Stored, Storage, BottomUp>::copyColumnBlock(void* destBas
     if constexpr (sizeof(Stored) == 1 && (Storage == MonoStorage::Unsigned8 || Storage == MonoStorage::Inverted8)) {
         if (destBase == nullptr || firstColumn == nullptr || src == nullptr) return;
         const std::int32_t c0 = *firstColumn;
-        if (c0 < 0 || c0 >= width) return;
-        auto* out = static_cast<std::uint8_t*>(destBase);
+        if (c0 < 0 || c0 >= width || height <= 0) return;
         const std::size_t w = static_cast<std::size_t>(width);
         const std::size_t h = static_cast<std::size_t>(height);
-        const std::size_t c1 = std::min<std::size_t>(static_cast<std::size_t>(c0) + tileColumns, w);
-        // One tile of tileRows x tileColumns samples at a time: its source rows stay in the
+        const std::size_t columns = std::min<std::size_t>(static_cast<std::size_t>(tileColumns), w - c0);
+        // The strip's tiles, transposed a vector block at a time; a tile's source rows stay in the
         // first-level cache while its columns are written.
+        auto* out = static_cast<std::uint8_t*>(destBase) + static_cast<std::size_t>(c0) * h;
         for (std::size_t r0 = 0; r0 < h; r0 += static_cast<std::size_t>(tileRows)) {
-            const std::size_t r1 = std::min<std::size_t>(r0 + static_cast<std::size_t>(tileRows), h);
-            for (std::size_t c = static_cast<std::size_t>(c0); c < c1; ++c) {
-                std::uint8_t* column = out + c * h;
-                for (std::size_t r = r0; r < r1; ++r) {
-                    const std::size_t row = BottomUp ? h - 1 - r : r;
-                    column[r] = mono_detail::sampleAt<Stored, Storage>(src, row * w + c);
-                }
-            }
+            const std::size_t rows = std::min<std::size_t>(static_cast<std::size_t>(tileRows), h - r0);
+            // Output rows r0.. come from stored rows r0.. (top-down) or h - 1 - r0 downward.
+            const std::uint8_t* first = src + (BottomUp ? h - r0 - rows : r0) * w + static_cast<std::size_t>(c0);
+            transposeSamples<1>(first, w, out + r0, h, rows, columns, BottomUp, static_cast<SampleOp>(sampleMapping));
         }
     } else {
         (void)destBase, (void)firstColumn, (void)src;

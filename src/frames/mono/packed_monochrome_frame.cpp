@@ -1,7 +1,15 @@
 #include "lumoframekit/packed_monochrome_frame.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <vector>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+#include "frames/core/transpose.h"
 
 namespace lumoframekit {
 
@@ -36,12 +44,80 @@ inline std::uint16_t decode(const std::uint8_t* b, std::size_t c) {
     }
 }
 
+#if defined(__x86_64__)
+// Eight pixels from the 12 (2-in-3) or 10 (4-in-5) bytes at row, into 16-bit lanes.
 template <Packing P>
-void unpack(std::uint16_t* out, const std::uint8_t* buffer, std::size_t rowBytes, std::size_t firstPixel,
-            std::size_t width, std::size_t height) {
-    for (std::size_t c = firstPixel; c < firstPixel + width; ++c) {
-        const std::uint8_t* at = buffer + byteOfPixel(P, c);
-        for (std::size_t r = 0; r < height; ++r) *out++ = decode<P>(at + r * rowBytes, c);
+__attribute__((target("ssse3"))) inline void decodeEight(const std::uint8_t* row, std::uint16_t* out) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row));
+    __m128i pixels;
+    if constexpr (P == Packing::Ten4in5) {
+        // Lane k holds the two bytes its 10 bits span; shifting left by 6 - (k mod 4) * 2 and
+        // then right by 6 keeps exactly those bits.
+        const __m128i words = _mm_shuffle_epi8(bytes, _mm_setr_epi8(0, 1, 1, 2, 2, 3, 3, 4, 5, 6, 6, 7, 7, 8, 8, 9));
+        pixels = _mm_srli_epi16(_mm_mullo_epi16(words, _mm_setr_epi16(64, 16, 4, 1, 64, 16, 4, 1)), 6);
+    } else if constexpr (P == Packing::Twelve2in3LsbFirst) {
+        // Even pixels: b0 and the low nibble of b1; odd pixels: b2 and the high nibble of b1.
+        const __m128i words = _mm_shuffle_epi8(bytes, _mm_setr_epi8(0, 1, 1, 2, 3, 4, 4, 5, 6, 7, 7, 8, 9, 10, 10, 11));
+        const __m128i evenMask = _mm_setr_epi16(0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0);
+        const __m128i oddMask = _mm_setr_epi16(0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF);
+        pixels = _mm_or_si128(_mm_and_si128(words, evenMask), _mm_and_si128(_mm_srli_epi16(words, 4), oddMask));
+    } else {
+        // The high bits from b0 (even) or b2 (odd), the low bits from the shared byte b1: its low
+        // field for even pixels, its field at bit 4 for odd ones.
+        constexpr int low = P == Packing::Ten2in3 ? 2 : 4;
+        constexpr short field = (1 << low) - 1;
+        const __m128i high = _mm_shuffle_epi8(bytes, _mm_setr_epi8(0, -1, 2, -1, 3, -1, 5, -1, 6, -1, 8, -1, 9, -1, 11, -1));
+        const __m128i shared = _mm_shuffle_epi8(bytes, _mm_setr_epi8(1, -1, 1, -1, 4, -1, 4, -1, 7, -1, 7, -1, 10, -1, 10, -1));
+        const __m128i evenField = _mm_setr_epi16(field, 0, field, 0, field, 0, field, 0);
+        const __m128i oddField = _mm_setr_epi16(0, field, 0, field, 0, field, 0, field);
+        pixels = _mm_or_si128(_mm_slli_epi16(high, low),
+                              _mm_or_si128(_mm_and_si128(shared, evenField), _mm_and_si128(_mm_srli_epi16(shared, 4), oddField)));
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), pixels);
+}
+
+bool hasSsse3() {
+    static const bool present = __builtin_cpu_supports("ssse3");
+    return present;
+}
+
+// Whole groups of eight pixels while a 16-byte load stays before end; the count decoded.
+template <Packing P>
+__attribute__((target("ssse3"))) std::size_t decodeVectors(const std::uint8_t* row, const std::uint8_t* end,
+                                                           std::uint16_t* out, std::size_t count) {
+    constexpr std::size_t groupBytes = P == Packing::Ten4in5 ? 10 : 12;
+    std::size_t c = 0;
+    for (; c + 8 <= count && row + c / 8 * groupBytes + 16 <= end; c += 8) decodeEight<P>(row + c / 8 * groupBytes, out + c);
+    return c;
+}
+#endif
+
+// Pixels 0..count-1 of a row that starts at a group, into out. end bounds what may be read.
+template <Packing P>
+void decodeRow(const std::uint8_t* row, const std::uint8_t* end, std::uint16_t* out, std::size_t count) {
+    std::size_t c = 0;
+#if defined(__x86_64__)
+    if (vectorKernelsEnabled() && hasSsse3()) c = decodeVectors<P>(row, end, out, count);
+#else
+    (void)end;
+#endif
+    for (; c < count; ++c) out[c] = decode<P>(row + byteOfPixel(P, c), c);
+}
+
+// Rows are decoded in bands into a row-major scratch band, which is then transposed into the
+// column-major host array: both passes walk memory in order.
+template <Packing P>
+void unpack(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end, std::size_t rowBytes,
+            std::size_t firstPixel, std::size_t width, std::size_t height) {
+    constexpr std::size_t bandRows = 64;
+    const std::size_t decoded = firstPixel + width;
+    std::vector<std::uint16_t> band(bandRows * decoded);
+    for (std::size_t r0 = 0; r0 < height; r0 += bandRows) {
+        const std::size_t rows = std::min(bandRows, height - r0);
+        for (std::size_t i = 0; i < rows; ++i)
+            decodeRow<P>(buffer + (r0 + i) * rowBytes, end, band.data() + i * decoded, decoded);
+        transposeSamples<2>(reinterpret_cast<const std::uint8_t*>(band.data() + firstPixel), decoded * 2,
+                            reinterpret_cast<std::uint8_t*>(out + r0), height, rows, width, false, SampleOp::Copy);
     }
 }
 
@@ -133,11 +209,12 @@ void PackedMonochromeFrame::getData(void** dest) {
     const std::size_t lastRead = (h - 1) * rowBytes + byteOfPixel(packing, first + w - 1) + 1;
     if (lastRead >= allocatedSize + bufferSlack) return;
     auto* out = static_cast<std::uint16_t*>(dest[0]);
+    const std::uint8_t* end = buffer + allocatedSize + bufferSlack;
     switch (packing) {
-        case Packing::Ten2in3: unpack<Packing::Ten2in3>(out, buffer, rowBytes, first, w, h); break;
-        case Packing::Twelve2in3: unpack<Packing::Twelve2in3>(out, buffer, rowBytes, first, w, h); break;
-        case Packing::Twelve2in3LsbFirst: unpack<Packing::Twelve2in3LsbFirst>(out, buffer, rowBytes, first, w, h); break;
-        case Packing::Ten4in5: unpack<Packing::Ten4in5>(out, buffer, rowBytes, first, w, h); break;
+        case Packing::Ten2in3: unpack<Packing::Ten2in3>(out, buffer, end, rowBytes, first, w, h); break;
+        case Packing::Twelve2in3: unpack<Packing::Twelve2in3>(out, buffer, end, rowBytes, first, w, h); break;
+        case Packing::Twelve2in3LsbFirst: unpack<Packing::Twelve2in3LsbFirst>(out, buffer, end, rowBytes, first, w, h); break;
+        case Packing::Ten4in5: unpack<Packing::Ten4in5>(out, buffer, end, rowBytes, first, w, h); break;
     }
 }
 

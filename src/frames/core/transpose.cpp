@@ -1,0 +1,139 @@
+#include "frames/core/transpose.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace lumoframekit {
+
+namespace {
+
+std::atomic<bool> vectorKernels{true};
+
+template <int N>
+struct Unsigned;
+template <>
+struct Unsigned<1> { using type = std::uint8_t; };
+template <>
+struct Unsigned<2> { using type = std::uint16_t; };
+template <>
+struct Unsigned<4> { using type = std::uint32_t; };
+template <>
+struct Unsigned<8> { using type = std::uint64_t; };
+
+template <int N>
+inline typename Unsigned<N>::type swapped(typename Unsigned<N>::type v) {
+    if constexpr (N == 2) return __builtin_bswap16(v);
+    if constexpr (N == 4) return __builtin_bswap32(v);
+    if constexpr (N == 8) return __builtin_bswap64(v);
+    return v;
+}
+
+// The portable loop, over a block of the image.
+template <int N>
+void transposeScalar(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
+                     std::size_t rows, std::size_t r0, std::size_t r1, std::size_t c0, std::size_t c1, bool flip,
+                     SampleOp op) {
+    using U = typename Unsigned<N>::type;
+    for (std::size_t c = c0; c < c1; ++c)
+        for (std::size_t r = r0; r < r1; ++r) {
+            U v;
+            std::memcpy(&v, src + (flip ? rows - 1 - r : r) * srcRowBytes + c * N, N);
+            if (op == SampleOp::ByteSwap) v = swapped<N>(v);
+            if (op == SampleOp::Complement) v = static_cast<U>(~v);
+            std::memcpy(dst + (c * dstColumn + r) * N, &v, N);
+        }
+}
+
+#if defined(__SSE2__)
+
+// Transposes the V x V samples held in row vectors v[0..V-1] (V = 16 / N) in place, by rounds of
+// interleaving pairs of vectors at doubling widths.
+template <int N>
+inline void transposeVectors(__m128i* v) {
+    constexpr int V = 16 / N;
+    __m128i t[V];
+    auto round = [&](auto lo, auto hi) {
+        for (int i = 0; i < V / 2; ++i) {
+            t[2 * i] = lo(v[i], v[i + V / 2]);
+            t[2 * i + 1] = hi(v[i], v[i + V / 2]);
+        }
+        for (int i = 0; i < V; ++i) v[i] = t[i];
+    };
+    // Each round interleaves row i with row i + V/2; after log2(V) rounds of the sample width the
+    // vectors hold columns.
+    for (int step = 0; (1 << step) < V; ++step) {
+        if constexpr (N == 1) round(_mm_unpacklo_epi8, _mm_unpackhi_epi8);
+        else if constexpr (N == 2) round(_mm_unpacklo_epi16, _mm_unpackhi_epi16);
+        else if constexpr (N == 4) round(_mm_unpacklo_epi32, _mm_unpackhi_epi32);
+        else round(_mm_unpacklo_epi64, _mm_unpackhi_epi64);
+    }
+}
+
+template <int N>
+inline __m128i applyOp(__m128i v, SampleOp op) {
+    if (op == SampleOp::Complement) return _mm_xor_si128(v, _mm_set1_epi32(-1));
+    if (op != SampleOp::ByteSwap) return v;
+    if constexpr (N == 1) return v;
+    // Bytes reversed within each sample: swap bytes of 16-bit units, then 16-bit units of 32-bit
+    // units, then 32-bit halves of 64-bit units.
+    v = _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8));
+    if constexpr (N >= 4) v = _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1);
+    if constexpr (N == 8) v = _mm_shuffle_epi32(v, 0xB1);
+    return v;
+}
+
+template <int N>
+void transposeVector(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
+                     std::size_t rows, std::size_t cols, bool flip, SampleOp op) {
+    constexpr std::size_t V = 16 / N;           // samples a vector holds
+    constexpr std::size_t stripColumns = 64 / N;  // one cache line of each source row
+    const std::size_t fullRows = rows / V * V, fullCols = cols / V * V;
+    for (std::size_t s0 = 0; s0 < fullCols; s0 += stripColumns) {
+        const std::size_t s1 = std::min(s0 + stripColumns, fullCols);
+        for (std::size_t r0 = 0; r0 < fullRows; r0 += V)
+            for (std::size_t c0 = s0; c0 < s1; c0 += V) {
+                __m128i v[V];
+                for (std::size_t i = 0; i < V; ++i) {
+                    const std::size_t row = flip ? rows - 1 - (r0 + i) : r0 + i;
+                    v[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + row * srcRowBytes + c0 * N));
+                }
+                transposeVectors<N>(v);
+                for (std::size_t k = 0; k < V; ++k)
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + ((c0 + k) * dstColumn + r0) * N), applyOp<N>(v[k], op));
+            }
+    }
+    // The rows and columns that do not fill a vector.
+    transposeScalar<N>(src, srcRowBytes, dst, dstColumn, rows, fullRows, rows, 0, cols, flip, op);
+    transposeScalar<N>(src, srcRowBytes, dst, dstColumn, rows, 0, fullRows, fullCols, cols, flip, op);
+}
+
+#endif
+
+}  // namespace
+
+bool vectorKernelsEnabled() { return vectorKernels.load(std::memory_order_relaxed); }
+void setVectorKernelsEnabled(bool enabled) { vectorKernels.store(enabled, std::memory_order_relaxed); }
+
+template <int N>
+void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
+                      std::size_t rows, std::size_t cols, bool flipRows, SampleOp op) {
+#if defined(__SSE2__)
+    if (vectorKernelsEnabled()) {
+        transposeVector<N>(src, srcRowBytes, dst, dstColumn, rows, cols, flipRows, op);
+        return;
+    }
+#endif
+    transposeScalar<N>(src, srcRowBytes, dst, dstColumn, rows, 0, rows, 0, cols, flipRows, op);
+}
+
+template void transposeSamples<1>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t, std::size_t, bool, SampleOp);
+template void transposeSamples<2>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t, std::size_t, bool, SampleOp);
+template void transposeSamples<4>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t, std::size_t, bool, SampleOp);
+template void transposeSamples<8>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t, std::size_t, bool, SampleOp);
+
+}  // namespace lumoframekit
