@@ -3,6 +3,8 @@
 #include <oneapi/tbb/task_group.h>
 
 #include <algorithm>
+#include <cstring>
+#include <type_traits>
 #include <memory>
 #include <new>
 #include <vector>
@@ -42,88 +44,137 @@ std::uint64_t reflected(std::int64_t p, std::int64_t n) {
     return static_cast<std::uint64_t>(std::clamp<std::int64_t>(i, 0, n - 1));
 }
 
+// Rows of the padded columns kept per parity, with room for a vector read past the last column.
 template <typename T>
-std::unique_ptr<T[]> paddedCopy(const T* mosaic, std::uint64_t height, std::uint64_t width) {
-    const std::uint64_t column = height + 4;
-    std::unique_ptr<T[]> padded(new T[column * (width + 4)]);
+std::uint64_t parityStride(std::uint64_t height) {
+    return (height + 4 + 1) / 2;
+}
+
+template <typename T>
+std::unique_ptr<T[]> paddedCopy(const T* mosaic, std::uint64_t height, std::uint64_t width, std::uint64_t stride) {
+    constexpr std::uint64_t slack = 64;
+    std::unique_ptr<T[]> padded(new T[2 * stride * (width + 4) + slack]());
+    T* even = padded.get();
+    T* odd = padded.get() + stride * (width + 4);
     for (std::uint64_t p = 0; p < width + 4; ++p) {
         const T* source = mosaic + reflected(static_cast<std::int64_t>(p), static_cast<std::int64_t>(width)) * height;
-        T* target = padded.get() + p * column;
-        std::copy(source, source + height, target + 2);
+        T* e = even + p * stride;
+        T* o = odd + p * stride;
+        // Image row y is padded row y + 2: even image rows to the even half, odd ones to the odd.
+        for (std::uint64_t y = 0; y + 1 < height; y += 2) {
+            e[1 + y / 2] = source[y];
+            o[1 + y / 2] = source[y + 1];
+        }
+        if (height % 2 == 1) e[1 + height / 2] = source[height - 1];
         for (std::uint64_t q : {std::uint64_t{0}, std::uint64_t{1}, height + 2, height + 3})
-            target[q] = source[reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height))];
+            ((q & 1) ? o : e)[q / 2] = source[reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height))];
     }
     return padded;
 }
 
-// The kernels, each as an integer multiple of the exact value: Gx counts eighths, the chroma
-// kernels sixteenths, so no rounding happens before the clamp.
-struct Neighbours {
-    std::int64_t c, n1, s1, w1, e1, n2, s2, w2, e2, nw, ne, sw, se;
+// The kernels, each as an integer multiple of the exact value (Gx in eighths, the chroma kernels in
+// sixteenths) so that no rounding happens before the clamp; clamping the exact value at the
+// fractional bound and truncating equals flooring it and capping the floor at the bound's integer
+// part, negatives becoming 0. Written on vectors of lanes wide enough for the sums (16-bit lanes
+// for 8-bit samples, 32-bit lanes for 16-bit ones), one lane per site.
+// The helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+template <typename T>
+struct Lanes {
+    using Wide = std::conditional_t<sizeof(T) == 1, std::int16_t, std::int32_t>;
+    static constexpr int count = sizeof(T) == 1 ? 16 : 8;
+    typedef Wide Vector __attribute__((vector_size(count * sizeof(Wide))));
+    typedef T Narrow __attribute__((vector_size(count * sizeof(T))));
+
+    __attribute__((always_inline)) static Vector load(const T* at) {
+        Narrow narrow;
+        std::memcpy(&narrow, at, sizeof narrow);
+        return __builtin_convertvector(narrow, Vector);
+    }
+    __attribute__((always_inline)) static Vector clamp(Vector scaled, int fractionBits, Wide upper) {
+        Vector v = scaled >> fractionBits;
+        v = v < 0 ? Vector{} : v;
+        return v > upper ? Vector{} + upper : v;
+    }
 };
 
-inline std::int64_t greenEighths(const Neighbours& v) {
-    return 4 * v.c - (v.n2 + v.s2 + v.w2 + v.e2) + 2 * (v.n1 + v.s1 + v.w1 + v.e1);
-}
-inline std::int64_t crossSixteenths(const Neighbours& v) {
-    return 12 * v.c - 3 * (v.n2 + v.s2 + v.w2 + v.e2) + 4 * (v.nw + v.ne + v.sw + v.se);
-}
-inline std::int64_t verticalSixteenths(const Neighbours& v) {
-    return 10 * v.c - 2 * (v.nw + v.ne + v.sw + v.se) - 2 * (v.n2 + v.s2) + (v.w2 + v.e2) + 8 * (v.n1 + v.s1);
-}
-inline std::int64_t horizontalSixteenths(const Neighbours& v) {
-    return 10 * v.c - 2 * (v.nw + v.ne + v.sw + v.se) - 2 * (v.w2 + v.e2) + (v.n2 + v.s2) + 8 * (v.w1 + v.e1);
+// All sites of one kind in padded column p. `same` is the parity half holding the sites (site i
+// at index first + i), `other` the other half; `above` is 1 when the other half's row above a site
+// shares its index (odd sites) and 0 when it is one lower (even sites).
+template <typename T>
+__attribute__((always_inline)) inline void siteColumn(const BayerTBBTask<T>& task, const T* same, const T* other,
+                                                      std::uint64_t stride, std::uint64_t first, std::uint64_t above,
+                                                      std::uint64_t sites, std::uint64_t outIndex) {
+    using L = Lanes<T>;
+    using V = typename L::Vector;
+    const auto wide = static_cast<typename L::Wide>(task.upper);
+    for (std::uint64_t i = 0; i < sites; i += L::count) {
+        const std::uint64_t k = first + i;
+        const T* s = same + k;
+        const T* o = other + k - 1 + above;  // the other parity's row above
+        const V c = L::load(s), n2 = L::load(s - 1), s2 = L::load(s + 1);
+        const V n1 = L::load(o), s1 = L::load(o + 1);
+        const V w1 = L::load(s - stride), e1 = L::load(s + stride);
+        const V w2 = L::load(s - 2 * stride), e2 = L::load(s + 2 * stride);
+        const V diagonals = L::load(o - stride) + L::load(o - stride + 1) + L::load(o + stride) + L::load(o + stride + 1);
+        V r, g, b;
+        switch (task.kind) {
+            case GreenOnRedRow:
+            case GreenOnBlueRow: {
+                const V vertical = L::clamp(10 * c - 2 * diagonals - 2 * (n2 + s2) + (w2 + e2) + 8 * (n1 + s1), 4, wide);
+                const V horizontal = L::clamp(10 * c - 2 * diagonals - 2 * (w2 + e2) + (n2 + s2) + 8 * (w1 + e1), 4, wide);
+                g = c;
+                r = task.kind == GreenOnRedRow ? horizontal : vertical;
+                b = task.kind == GreenOnRedRow ? vertical : horizontal;
+                break;
+            }
+            default: {
+                const V green = L::clamp(4 * c - (n2 + s2 + w2 + e2) + 2 * (n1 + s1 + w1 + e1), 3, wide);
+                const V cross = L::clamp(12 * c - 3 * (n2 + s2 + w2 + e2) + 4 * diagonals, 4, wide);
+                g = green;
+                r = task.kind == Red ? c : cross;
+                b = task.kind == Red ? cross : c;
+            }
+        }
+        // The task's own column of sites, contiguous; the last vector of a column may be short.
+        const typename L::Narrow planes[3] = {__builtin_convertvector(r, typename L::Narrow),
+                                              __builtin_convertvector(g, typename L::Narrow),
+                                              __builtin_convertvector(b, typename L::Narrow)};
+        if (sites - i >= static_cast<std::uint64_t>(L::count)) {
+            for (int plane = 0; plane < 3; ++plane)
+                std::memcpy(task.planes[plane] + outIndex + i, &planes[plane], sizeof(typename L::Narrow));
+        } else {
+            const std::size_t bytes = (sites - i) * sizeof(T);
+            for (int plane = 0; plane < 3; ++plane) std::memcpy(task.planes[plane] + outIndex + i, &planes[plane], bytes);
+        }
+    }
 }
 
-// Clamping the exact value at the fractional bound and truncating equals flooring it and capping
-// the floor at the bound's integer part; negative values become 0.
 template <typename T>
-inline T clamped(std::int64_t scaled, int fractionBits, std::int64_t upper) {
-    if (scaled < 0) return 0;
-    return static_cast<T>(std::min<std::int64_t>(scaled >> fractionBits, upper));
+__attribute__((always_inline)) inline void runTask(const BayerTBBTask<T>& task) {
+    const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
+    const bool evenSites = task.firstRow == 2;
+    const T* same = evenSites ? task.padded.even : task.padded.odd;
+    const T* other = evenSites ? task.padded.odd : task.padded.even;
+    const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
+    std::uint64_t column = 0;
+    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, ++column)
+        siteColumn(task, same + p * stride, other + p * stride, stride, 1, evenSites ? 0 : 1, sites, column * sites);
 }
+
+// Built for the widest vectors the processor has, chosen when the library is loaded.
+__attribute__((target_clones("avx2", "default"))) void runTask8(const BayerTBBTask<std::uint8_t>& task) { runTask(task); }
+__attribute__((target_clones("avx2", "default"))) void runTask16(const BayerTBBTask<std::uint16_t>& task) { runTask(task); }
 
 }  // namespace
 
 template <typename T>
 void BayerTBBTask<T>::operator()() const {
-    takeOver(padded);
-    const std::uint64_t h = columnLength, w = columnCount;
-    const std::int64_t col = static_cast<std::int64_t>(h + 4);
-    std::uint64_t index = firstIndex;
-    for (std::uint64_t p = firstColumn; p < w + 2; p += 2) {
-        const T* at = padded + p * (h + 4) + firstRow;
-        for (std::uint64_t q = firstRow; q < h + 2; q += 2, at += 2, index += 2) {
-            const Neighbours v{at[0],       at[-1],       at[1],       at[-col],    at[col],
-                               at[-2],      at[2],        at[-2 * col], at[2 * col], at[-col - 1],
-                               at[col - 1], at[-col + 1], at[col + 1]};
-            T r, g, b;
-            switch (kind) {
-                case GreenOnRedRow:
-                    r = clamped<T>(horizontalSixteenths(v), 4, upper), g = at[0];
-                    b = clamped<T>(verticalSixteenths(v), 4, upper);
-                    break;
-                case GreenOnBlueRow:
-                    r = clamped<T>(verticalSixteenths(v), 4, upper), g = at[0];
-                    b = clamped<T>(horizontalSixteenths(v), 4, upper);
-                    break;
-                case Red:
-                    r = at[0], g = clamped<T>(greenEighths(v), 3, upper);
-                    b = clamped<T>(crossSixteenths(v), 4, upper);
-                    break;
-                default:
-                    r = clamped<T>(crossSixteenths(v), 4, upper), g = clamped<T>(greenEighths(v), 3, upper);
-                    b = at[0];
-                    break;
-            }
-            planes[0][index] = r;
-            planes[1][index] = g;
-            planes[2][index] = b;
-        }
-        // On to the first site of the column two to the right.
-        index = (p - 2 + 2) * h + (firstRow - 2);
-    }
-    handOver(padded);
+    takeOver(padded.even);
+    if constexpr (sizeof(T) == 1) runTask8(*this);
+    else runTask16(*this);
+    handOver(padded.even);
 }
 
 namespace {
@@ -132,6 +183,19 @@ struct Site {
     BayerSiteKind kind;
     std::uint64_t row, column;  // padded coordinates of the first site
 };
+
+// A task writes its sites column by column into planes of its own, contiguously; the rows of the
+// two tasks that share a column are then interleaved into the host planes. Tasks thus never
+// write the same cache lines.
+template <typename T>
+void interleave(const T* evenRows, const T* oddRows, T* out, std::uint64_t height) {
+    const std::uint64_t pairs = height / 2;
+    for (std::uint64_t i = 0; i < pairs; ++i) {
+        out[2 * i] = evenRows[i];
+        out[2 * i + 1] = oddRows[i];
+    }
+    if (height % 2 == 1) out[height - 1] = evenRows[pairs];
+}
 
 template <typename T>
 void demosaic(const T* mosaic, T* red, T* green, T* blue, std::pair<std::uint32_t, std::uint32_t> dims,
@@ -152,22 +216,51 @@ void demosaic(const T* mosaic, T* red, T* green, T* blue, std::pair<std::uint32_
     // The bound is (2^sampleBits - 1) / 2^(sampleBits - bits); its integer part is what reaches the
     // planes.
     const int shift = std::clamp(sampleBits - static_cast<int>(std::min<std::uint32_t>(bits, 64)), 0, sampleBits);
-    const std::int64_t upper = ((std::int64_t{1} << sampleBits) - 1) >> shift;
+    const std::int32_t upper = ((std::int32_t{1} << sampleBits) - 1) >> shift;
 
-    std::unique_ptr<T[]> padded = paddedCopy(mosaic, height, width);
-    oneapi::tbb::task_group group;
-    const Site sites[4] = {{layouts[alignment][0], 2, 2},
-                           {layouts[alignment][1], 2, 3},
-                           {layouts[alignment][2], 3, 2},
-                           {layouts[alignment][3], 3, 3}};
-    for (const Site& site : sites) {
-        const BayerTBBTask<T> task{height, width, site.column, site.row, (site.column - 2) * height + (site.row - 2),
-                                   upper, {red, green, blue}, padded.get(), site.kind};
-        handOver(padded.get());
-        group.run(task);
+    const std::uint64_t stride = parityStride<T>(height);
+    std::unique_ptr<T[]> storage = paddedCopy(mosaic, height, width, stride);
+    const PaddedMosaic<T> padded{storage.get(), storage.get() + stride * (width + 4), stride};
+    // Sites per column for even and odd rows, columns per parity.
+    const std::uint64_t evenSites = (height + 1) / 2, oddSites = height / 2;
+    const std::uint64_t evenColumns = (width + 1) / 2, oddColumns = width / 2;
+    const std::uint64_t pixels = height * width;
+    std::unique_ptr<T[]> siteStorage(new T[3 * pixels]);
+    // Each task's three planes, in the order of the sites below: (row, column) parities
+    // (0, 0), (0, 1), (1, 0), (1, 1).
+    const std::uint64_t regionSizes[4] = {evenSites * evenColumns, evenSites * oddColumns, oddSites * evenColumns,
+                                          oddSites * oddColumns};
+    T* regions[4][3];
+    T* next = siteStorage.get();
+    for (int plane = 0; plane < 3; ++plane)
+        for (int t = 0; t < 4; ++t) {
+            regions[t][plane] = next;
+            next += regionSizes[t];
+        }
+    {
+        oneapi::tbb::task_group group;
+        const Site sites[4] = {{layouts[alignment][0], 2, 2},
+                               {layouts[alignment][1], 2, 3},
+                               {layouts[alignment][2], 3, 2},
+                               {layouts[alignment][3], 3, 3}};
+        for (int t = 0; t < 4; ++t) {
+            const Site& site = sites[t];
+            const BayerTBBTask<T> task{height, width, site.column, site.row, 0, upper,
+                                       {regions[t][0], regions[t][1], regions[t][2]}, padded, site.kind};
+            handOver(padded.even);
+            group.run(task);
+        }
+        group.wait();
+        takeOver(padded.even);
     }
-    group.wait();
-    takeOver(padded.get());
+    T* const out[3] = {red, green, blue};
+    for (int plane = 0; plane < 3; ++plane)
+        for (std::uint64_t x = 0; x < width; ++x) {
+            const int parity = static_cast<int>(x & 1);
+            const std::uint64_t column = x / 2;
+            interleave(regions[parity][plane] + column * evenSites, regions[2 + parity][plane] + column * oddSites,
+                       out[plane] + x * height, height);
+        }
 }
 
 }  // namespace

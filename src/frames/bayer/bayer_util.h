@@ -17,8 +17,18 @@ enum BayerSiteKind : std::uint32_t {
     Blue = 3,            // blue; red on the diagonals
 };
 
-// One of the four demosaic tasks: every site of one kind over the whole image, read from the
-// mosaic padded by two reflected samples on every side, written into column-major planes.
+// The mosaic padded by two reflected samples on every side, each padded column split by row
+// parity: even[p * stride + k] is padded row 2k of padded column p, odd[p * stride + k] row 2k + 1.
+// Sites of one kind then lie contiguously, so a task reads its neighbourhoods as vectors.
+template <typename T>
+struct PaddedMosaic {
+    const T* even;
+    const T* odd;
+    std::uint64_t stride;
+};
+
+// One of the four demosaic tasks: every site of one kind over the whole image, written into
+// column-major planes.
 template <typename T>
 struct BayerTBBTask {
     std::uint64_t columnLength;  // image height
@@ -26,9 +36,9 @@ struct BayerTBBTask {
     std::uint64_t firstColumn;   // padded column of the first site (2 or 3)
     std::uint64_t firstRow;      // padded row of the first site (2 or 3)
     std::uint64_t firstIndex;    // output index of the first site
-    std::int64_t upper;          // largest value a computed sample may take: the clamp bound truncated
+    std::int32_t upper;          // largest value a computed sample may take: the clamp bound truncated
     T* planes[3];                // red, green, blue
-    const T* padded;
+    PaddedMosaic<T> padded;
     BayerSiteKind kind;
 
     void operator()() const;
