@@ -1,5 +1,6 @@
 #include "lumoframekit/bayer_frame.h"
 
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
@@ -76,9 +77,11 @@ void BayerFrame::getData(void** dest) {
     if (dest == nullptr || dest[0] == nullptr || !isBufferAllocated()) return;
     const std::uint64_t pixels = static_cast<std::uint64_t>(dims.width) * dims.height;
     if (pixels == 0) return;
-    // The mosaic unpacked, top-down and column-major. Zeroed first, so a mosaic the inner frame
-    // cannot deliver demosaics to zeros rather than to stale memory.
-    std::unique_ptr<std::uint8_t[]> scratch(new std::uint8_t[pixels * bytesPerSample]());
+    // The mosaic unpacked, top-down and column-major. A packed mosaic whose geometry the inner
+    // frame cannot deliver leaves it as it was, so that one is zeroed first: no stale memory is
+    // demosaiced.
+    std::unique_ptr<std::uint8_t[]> scratch(new std::uint8_t[pixels * bytesPerSample]);
+    if (dynamic_cast<const PackedMonochromeFrame*>(inner) != nullptr) std::memset(scratch.get(), 0, pixels * bytesPerSample);
     void* scratchList[] = {scratch.get(), nullptr};
     inner->getData(scratchList);
 

@@ -5,6 +5,11 @@
 #include <algorithm>
 #include <cstring>
 #include <type_traits>
+#include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <memory>
 #include <new>
 #include <vector>
@@ -44,28 +49,96 @@ std::uint64_t reflected(std::int64_t p, std::int64_t n) {
     return static_cast<std::uint64_t>(std::clamp<std::int64_t>(i, 0, n - 1));
 }
 
+// Splits 2 * pairs samples into the even-indexed and odd-indexed ones.
+template <typename T>
+void deinterleave(const T* in, T* even, T* odd, std::uint64_t pairs) {
+    std::uint64_t i = 0;
+#if defined(__SSE2__)
+    constexpr std::uint64_t perVector = 16 / sizeof(T);
+    for (; i + perVector <= pairs; i += perVector) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 2 * i));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 2 * i + perVector));
+        __m128i e, o;
+        if constexpr (sizeof(T) == 1) {
+            const __m128i low = _mm_set1_epi16(0x00FF);
+            e = _mm_packus_epi16(_mm_and_si128(a, low), _mm_and_si128(b, low));
+            o = _mm_packus_epi16(_mm_srli_epi16(a, 8), _mm_srli_epi16(b, 8));
+        } else {
+            // Signed packing of values biased by 0x8000 keeps all 16 bits.
+            const __m128i bias = _mm_set1_epi16(static_cast<short>(0x8000));
+            const __m128i ab = _mm_xor_si128(a, bias), bb = _mm_xor_si128(b, bias);
+            e = _mm_xor_si128(_mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(ab, 16), 16), _mm_srai_epi32(_mm_slli_epi32(bb, 16), 16)), bias);
+            o = _mm_xor_si128(_mm_packs_epi32(_mm_srai_epi32(ab, 16), _mm_srai_epi32(bb, 16)), bias);
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(even + i), e);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(odd + i), o);
+    }
+#endif
+    for (; i < pairs; ++i) {
+        even[i] = in[2 * i];
+        odd[i] = in[2 * i + 1];
+    }
+}
+
+// The reverse: even[i] and odd[i] to out[2i] and out[2i + 1].
+template <typename T>
+void interleavePairs(const T* even, const T* odd, T* out, std::uint64_t pairs) {
+    std::uint64_t i = 0;
+#if defined(__SSE2__)
+    constexpr std::uint64_t perVector = 16 / sizeof(T);
+    for (; i + perVector <= pairs; i += perVector) {
+        const __m128i e = _mm_loadu_si128(reinterpret_cast<const __m128i*>(even + i));
+        const __m128i o = _mm_loadu_si128(reinterpret_cast<const __m128i*>(odd + i));
+        const __m128i lo = sizeof(T) == 1 ? _mm_unpacklo_epi8(e, o) : _mm_unpacklo_epi16(e, o);
+        const __m128i hi = sizeof(T) == 1 ? _mm_unpackhi_epi8(e, o) : _mm_unpackhi_epi16(e, o);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * i), lo);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * i + perVector), hi);
+    }
+#endif
+    for (; i < pairs; ++i) {
+        out[2 * i] = even[i];
+        out[2 * i + 1] = odd[i];
+    }
+}
+
 // Rows of the padded columns kept per parity, with room for a vector read past the last column.
 template <typename T>
 std::uint64_t parityStride(std::uint64_t height) {
     return (height + 4 + 1) / 2;
 }
 
+// Working memory of the demosaics run on one thread, kept between calls: a stream of frames then
+// reuses the same pages instead of faulting fresh ones in for every image.
 template <typename T>
-std::unique_ptr<T[]> paddedCopy(const T* mosaic, std::uint64_t height, std::uint64_t width, std::uint64_t stride) {
+T* workspace(std::uint64_t count, int which) {
+    thread_local std::vector<T> spaces[2];
+    std::vector<T>& space = spaces[which];
+    if (space.size() < count) {
+        space.clear();
+        space.shrink_to_fit();
+        space.resize(count);
+    }
+    return space.data();
+}
+
+template <typename T>
+T* paddedCopy(const T* mosaic, std::uint64_t height, std::uint64_t width, std::uint64_t stride) {
     constexpr std::uint64_t slack = 64;
-    std::unique_ptr<T[]> padded(new T[2 * stride * (width + 4) + slack]());
-    T* even = padded.get();
-    T* odd = padded.get() + stride * (width + 4);
+    const std::uint64_t used = 2 * stride * (width + 4);
+    T* padded = workspace<T>(used + slack, 0);
+    // Vector reads run past a column's last site into the next column or this slack: never into
+    // memory that was not written.
+    std::fill(padded + used, padded + used + slack, T{0});
+    T* even = padded;
+    T* odd = padded + stride * (width + 4);
     for (std::uint64_t p = 0; p < width + 4; ++p) {
         const T* source = mosaic + reflected(static_cast<std::int64_t>(p), static_cast<std::int64_t>(width)) * height;
         T* e = even + p * stride;
         T* o = odd + p * stride;
         // Image row y is padded row y + 2: even image rows to the even half, odd ones to the odd.
-        for (std::uint64_t y = 0; y + 1 < height; y += 2) {
-            e[1 + y / 2] = source[y];
-            o[1 + y / 2] = source[y + 1];
-        }
+        deinterleave(source, e + 1, o + 1, height / 2);
         if (height % 2 == 1) e[1 + height / 2] = source[height - 1];
+        o[stride - 1] = e[stride - 1] = 0;
         for (std::uint64_t q : {std::uint64_t{0}, std::uint64_t{1}, height + 2, height + 3})
             ((q & 1) ? o : e)[q / 2] = source[reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height))];
     }
@@ -189,12 +262,8 @@ struct Site {
 // write the same cache lines.
 template <typename T>
 void interleave(const T* evenRows, const T* oddRows, T* out, std::uint64_t height) {
-    const std::uint64_t pairs = height / 2;
-    for (std::uint64_t i = 0; i < pairs; ++i) {
-        out[2 * i] = evenRows[i];
-        out[2 * i + 1] = oddRows[i];
-    }
-    if (height % 2 == 1) out[height - 1] = evenRows[pairs];
+    interleavePairs(evenRows, oddRows, out, height / 2);
+    if (height % 2 == 1) out[height - 1] = evenRows[height / 2];
 }
 
 template <typename T>
@@ -219,19 +288,19 @@ void demosaic(const T* mosaic, T* red, T* green, T* blue, std::pair<std::uint32_
     const std::int32_t upper = ((std::int32_t{1} << sampleBits) - 1) >> shift;
 
     const std::uint64_t stride = parityStride<T>(height);
-    std::unique_ptr<T[]> storage = paddedCopy(mosaic, height, width, stride);
-    const PaddedMosaic<T> padded{storage.get(), storage.get() + stride * (width + 4), stride};
+    T* storage = paddedCopy(mosaic, height, width, stride);
+    const PaddedMosaic<T> padded{storage, storage + stride * (width + 4), stride};
     // Sites per column for even and odd rows, columns per parity.
     const std::uint64_t evenSites = (height + 1) / 2, oddSites = height / 2;
     const std::uint64_t evenColumns = (width + 1) / 2, oddColumns = width / 2;
     const std::uint64_t pixels = height * width;
-    std::unique_ptr<T[]> siteStorage(new T[3 * pixels]);
+    T* siteStorage = workspace<T>(3 * pixels, 1);
     // Each task's three planes, in the order of the sites below: (row, column) parities
     // (0, 0), (0, 1), (1, 0), (1, 1).
     const std::uint64_t regionSizes[4] = {evenSites * evenColumns, evenSites * oddColumns, oddSites * evenColumns,
                                           oddSites * oddColumns};
     T* regions[4][3];
-    T* next = siteStorage.get();
+    T* next = siteStorage;
     for (int plane = 0; plane < 3; ++plane)
         for (int t = 0; t < 4; ++t) {
             regions[t][plane] = next;
