@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "frames/color/pixel_gather.h"
 #include "frames/color/tiling.h"
 #include "frames/core/planes.h"
 #include "lumoframekit/color_frames.h"
@@ -96,8 +97,17 @@ void RGB24Frame::convert(void** dest, const std::uint8_t* src) const {
     if (f.bytesPerPixel == 0 || width <= 0 || height <= 0 || src == nullptr) return;
     const Planes out = planesOf(dest, static_cast<std::uint64_t>(planeSize));
     if (!out.valid) return;
-    const Tiling tiling{tiled, tileColumns, tileRows};
     const std::int64_t stride = static_cast<std::int64_t>(width) * f.bytesPerPixel;
+    if (f.bytesPerSample == 1) {
+        // 8-bit layouts repeat every pixel: split a row at a time and transpose, in order.
+        PixelBlock block{{}, static_cast<std::size_t>(16 * f.bytesPerPixel)};
+        for (int c = 0; c < 3; ++c)
+            for (int i = 0; i < 16; ++i) block.byteOf[c][i] = static_cast<std::uint8_t>(i * f.bytesPerPixel + f.offsets[c][0]);
+        splitInterleaved(src, static_cast<std::size_t>(stride), src + stride * height, static_cast<std::size_t>(width),
+                         static_cast<std::size_t>(height), bottomUp == 1, block, out.plane);
+        return;
+    }
+    const Tiling tiling{tiled, tileColumns, tileRows};
     forEachTile(width, height, tiling, [&](std::int64_t x0, std::int64_t x1, std::int64_t y0, std::int64_t y1) {
         if (f.bytesPerSample == 1) convertTile<1>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
         else convertTile<2>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <vector>
 
+#include "frames/color/pixel_gather.h"
 #include "frames/core/planes.h"
 #include "lumoframekit/color_frames.h"
 
@@ -99,6 +100,24 @@ void YUVPackedFrame::getData(void** dest) {
     for (const PixelSource& p : row)
         furthest = std::max<std::int64_t>(furthest, p.groupByte + std::max({f->y[p.position], f->u[p.position], f->v[p.position]}));
     if ((h - 1) * rowStride + furthest >= static_cast<std::int64_t>(allocatedSize)) return;
+    // Rows that start at a group and run through whole groups repeat every 16 pixels: split them a
+    // row at a time and transpose.
+    bool plain = true;
+    for (std::size_t x = 0; x < row.size() && plain; ++x)
+        plain = row[x].groupByte == static_cast<std::int64_t>(x / f->pixelsPerGroup) * f->bytesPerGroup &&
+                row[x].position == static_cast<std::int32_t>(x % f->pixelsPerGroup);
+    if (plain && row.size() == static_cast<std::size_t>(width)) {
+        PixelBlock block{{}, static_cast<std::size_t>(16 / f->pixelsPerGroup * f->bytesPerGroup)};
+        for (int i = 0; i < 16; ++i) {
+            const int group = i / f->pixelsPerGroup * f->bytesPerGroup, k = i % f->pixelsPerGroup;
+            block.byteOf[0][i] = static_cast<std::uint8_t>(group + f->y[k]);
+            block.byteOf[1][i] = static_cast<std::uint8_t>(group + f->u[k]);
+            block.byteOf[2][i] = static_cast<std::uint8_t>(group + f->v[k]);
+        }
+        splitInterleaved(buffer, static_cast<std::size_t>(rowStride), buffer + allocatedSize, static_cast<std::size_t>(width),
+                         static_cast<std::size_t>(h), false, block, out.plane);
+        return;
+    }
     for (std::size_t x = 0; x < row.size(); ++x) {
         const std::uint8_t* group = buffer + row[x].groupByte;
         const std::int32_t k = row[x].position;

@@ -1,0 +1,103 @@
+#include "frames/color/pixel_gather.h"
+
+#include <algorithm>
+#include <vector>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+#include "frames/core/transpose.h"
+
+namespace lumoframekit {
+
+namespace {
+
+// One row of pixels into three row-major rows, a pixel at a time.
+void splitRowPortable(const std::uint8_t* row, std::size_t first, std::size_t width, const PixelBlock& block,
+                      std::uint8_t* const out[3]) {
+    for (std::size_t x = first; x < width; ++x) {
+        const std::uint8_t* group = row + x / 16 * block.blockBytes;
+        for (int c = 0; c < 3; ++c) out[c][x] = group[block.byteOf[c][x % 16]];
+    }
+}
+
+#if defined(__x86_64__)
+bool hasSsse3() {
+    static const bool present = __builtin_cpu_supports("ssse3");
+    return present;
+}
+
+// Byte shuffles that pick plane c's 16 samples out of the k-th 16 bytes of a block.
+struct Shuffles {
+    __m128i pick[3][4];
+    int vectors;
+};
+
+__attribute__((target("ssse3"))) Shuffles shufflesFor(const PixelBlock& block) {
+    Shuffles s{};
+    s.vectors = static_cast<int>((block.blockBytes + 15) / 16);
+    for (int c = 0; c < 3; ++c)
+        for (int k = 0; k < s.vectors; ++k) {
+            alignas(16) std::int8_t lanes[16];
+            for (int i = 0; i < 16; ++i) {
+                const int at = block.byteOf[c][i] - 16 * k;
+                lanes[i] = at >= 0 && at < 16 ? static_cast<std::int8_t>(at) : static_cast<std::int8_t>(-128);
+            }
+            s.pick[c][k] = _mm_load_si128(reinterpret_cast<const __m128i*>(lanes));
+        }
+    return s;
+}
+
+// Whole blocks of 16 pixels while their vectors stay before end; returns the pixels done.
+__attribute__((target("ssse3"))) std::size_t splitRowVector(const std::uint8_t* row, const std::uint8_t* end,
+                                                            std::size_t width, const PixelBlock& block,
+                                                            const Shuffles& s, std::uint8_t* const out[3]) {
+    std::size_t x = 0;
+    for (; x + 16 <= width; x += 16) {
+        const std::uint8_t* at = row + x / 16 * block.blockBytes;
+        if (at + 16 * s.vectors > end) break;
+        __m128i v[4];
+        for (int k = 0; k < s.vectors; ++k) v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 16 * k));
+        for (int c = 0; c < 3; ++c) {
+            __m128i plane = _mm_shuffle_epi8(v[0], s.pick[c][0]);
+            for (int k = 1; k < s.vectors; ++k) plane = _mm_or_si128(plane, _mm_shuffle_epi8(v[k], s.pick[c][k]));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out[c] + x), plane);
+        }
+    }
+    return x;
+}
+#endif
+
+}  // namespace
+
+void splitInterleaved(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
+                      std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]) {
+    // Rows go through a row-major band of each plane, then the band is transposed into the
+    // column-major planes: every pass walks memory in order.
+    constexpr std::size_t bandRows = 64;
+    std::vector<std::uint8_t> band(3 * bandRows * width);
+#if defined(__x86_64__)
+    const bool vector = vectorKernelsEnabled() && hasSsse3();
+    Shuffles shuffles{};
+    if (vector) shuffles = shufflesFor(block);
+#endif
+    for (std::size_t r0 = 0; r0 < height; r0 += bandRows) {
+        const std::size_t rows = std::min(bandRows, height - r0);
+        for (std::size_t i = 0; i < rows; ++i) {
+            const std::size_t y = r0 + i;
+            const std::uint8_t* row = src + (flipRows ? height - 1 - y : y) * stride;
+            std::uint8_t* out[3] = {&band[(0 * bandRows + i) * width], &band[(1 * bandRows + i) * width],
+                                    &band[(2 * bandRows + i) * width]};
+            std::size_t done = 0;
+#if defined(__x86_64__)
+            if (vector) done = splitRowVector(row, end, width, block, shuffles, out);
+#endif
+            splitRowPortable(row, done, width, block, out);
+        }
+        for (int c = 0; c < 3; ++c)
+            transposeSamples<1>(&band[c * bandRows * width], width, planes[c] + r0, height, rows, width, false, SampleOp::Copy);
+    }
+}
+
+}  // namespace lumoframekit
