@@ -103,10 +103,16 @@ void transposeVector(const std::uint8_t* src, std::size_t srcRowBytes, std::uint
                     v[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + row * srcRowBytes + c0 * N));
                 }
                 transposeVectors<N>(v);
-                for (std::size_t k = 0; k < V; ++k)
-                    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + ((c0 + k) * dstColumn + r0) * N), applyOp<N>(v[k], op));
+                for (std::size_t k = 0; k < V; ++k) {
+                    auto* at = reinterpret_cast<__m128i*>(dst + ((c0 + k) * dstColumn + r0) * N);
+                    // Wide samples fill whole output lines a column at a time: streamed past the
+                    // cache, they leave it to the source rows.
+                    if (N == 8 && (reinterpret_cast<std::uintptr_t>(at) & 15) == 0) _mm_stream_si128(at, applyOp<N>(v[k], op));
+                    else _mm_storeu_si128(at, applyOp<N>(v[k], op));
+                }
             }
     }
+    _mm_sfence();
     // The rows and columns that do not fill a vector.
     transposeScalar<N>(src, srcRowBytes, dst, dstColumn, rows, fullRows, rows, 0, cols, flip, op);
     transposeScalar<N>(src, srcRowBytes, dst, dstColumn, rows, 0, fullRows, fullCols, cols, flip, op);
