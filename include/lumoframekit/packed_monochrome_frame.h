@@ -39,7 +39,6 @@ private:
 
     std::int32_t width;
     std::int32_t height;
-    std::int32_t bands;
     std::int32_t bitsPerBand;
     std::uint8_t leadPad;   // 1 when the last region started inside a packing group
     std::uint8_t trailPad;  // 1 when the width is not a whole number of groups (set by region copies)

@@ -148,4 +148,11 @@ TEST(PackedMonochrome, RegionsOutsideTheSourceAreRefused) {
     EXPECT_NE(empty->copyRegionToBuffer(src.data(), 4, 2, 0, 0), nullptr);
     EXPECT_TRUE(unpacked(*empty).empty());
     EXPECT_THROW(PackedMonochromeFrame(4, 4, 11, 0), std::invalid_argument);
+    // A negative height makes a size no allocation satisfies, including the zeroed slack.
+    FramePtr negative = make(0x11010024, 1, -1);
+    EXPECT_THROW(negative->allocateBuffer(), std::bad_alloc);
+    MemoryLimiter limiter(0, ~0ull);
+    negative->setMemoryLimiter(&limiter);
+    EXPECT_EQ(negative->allocateBuffer(), nullptr);
+    EXPECT_EQ(limiter.getMemoryUsed(), 0u);
 }

@@ -139,8 +139,20 @@ T* paddedCopy(const T* mosaic, std::uint64_t height, std::uint64_t width, std::u
         deinterleave(source, e + 1, o + 1, height / 2);
         if (height % 2 == 1) e[1 + height / 2] = source[height - 1];
         o[stride - 1] = e[stride - 1] = 0;
-        for (std::uint64_t q : {std::uint64_t{0}, std::uint64_t{1}, height + 2, height + 3})
-            ((q & 1) ? o : e)[q / 2] = source[reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height))];
+        // Padded rows 0 and 1 and the two below the image, reflected from inside it.
+        const auto row = [&](std::uint64_t q) {
+            return source[reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height))];
+        };
+        e[0] = row(0);
+        o[0] = row(1);
+        const std::uint64_t below = height + 2;  // even when the height is
+        if (below % 2 == 0) {
+            e[below / 2] = row(below);
+            o[below / 2] = row(below + 1);
+        } else {
+            o[below / 2] = row(below);
+            e[(below + 1) / 2] = row(below + 1);
+        }
     }
     return padded;
 }
@@ -152,6 +164,7 @@ T* paddedCopy(const T* mosaic, std::uint64_t height, std::uint64_t width, std::u
 // for 8-bit samples, 32-bit lanes for 16-bit ones), one lane per site.
 // The helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
 #pragma GCC diagnostic ignored "-Wpsabi"
+#define LUMO_VECTOR_KERNEL __attribute__((always_inline))
 
 template <typename T>
 struct Lanes {
@@ -160,12 +173,12 @@ struct Lanes {
     typedef Wide Vector __attribute__((vector_size(count * sizeof(Wide))));
     typedef T Narrow __attribute__((vector_size(count * sizeof(T))));
 
-    __attribute__((always_inline)) static Vector load(const T* at) {
+    LUMO_VECTOR_KERNEL static Vector load(const T* at) {
         Narrow narrow;
         std::memcpy(&narrow, at, sizeof narrow);
         return __builtin_convertvector(narrow, Vector);
     }
-    __attribute__((always_inline)) static Vector clamp(Vector scaled, int fractionBits, Wide upper) {
+    LUMO_VECTOR_KERNEL static Vector clamp(Vector scaled, int fractionBits, Wide upper) {
         Vector v = scaled >> fractionBits;
         v = v < 0 ? Vector{} : v;
         return v > upper ? Vector{} + upper : v;
@@ -176,7 +189,7 @@ struct Lanes {
 // at index first + i), `other` the other half; `above` is 1 when the other half's row above a site
 // shares its index (odd sites) and 0 when it is one lower (even sites).
 template <typename T>
-__attribute__((always_inline)) inline void siteColumn(const BayerTBBTask<T>& task, const T* same, const T* other,
+LUMO_VECTOR_KERNEL inline void siteColumn(const BayerTBBTask<T>& task, const T* same, const T* other,
                                                       std::uint64_t stride, std::uint64_t first, std::uint64_t above,
                                                       std::uint64_t sites, std::uint64_t outIndex) {
     using L = Lanes<T>;
@@ -225,7 +238,7 @@ __attribute__((always_inline)) inline void siteColumn(const BayerTBBTask<T>& tas
 }
 
 template <typename T>
-__attribute__((always_inline)) inline void runTask(const BayerTBBTask<T>& task) {
+LUMO_VECTOR_KERNEL inline void runTask(const BayerTBBTask<T>& task) {
     const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
     const bool evenSites = task.firstRow == 2;
     const T* same = evenSites ? task.padded.even : task.padded.odd;

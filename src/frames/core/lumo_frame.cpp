@@ -130,7 +130,7 @@ void LUMOFrame::allocateFrameBuffer() {
 }
 
 void LUMOFrame::takeBuffer(std::uint64_t size) {
-    if (bufferSlack > static_cast<std::uint64_t>(PTRDIFF_MAX) - size) throw std::bad_array_new_length();
+    if (size > static_cast<std::uint64_t>(PTRDIFF_MAX) - bufferSlack) throw std::bad_array_new_length();
     buffer = newBytes(size + bufferSlack);
     allocatedSize = size;
     std::memset(buffer + size, 0, bufferSlack);

@@ -130,7 +130,6 @@ PackedMonochromeFrame::PackedMonochromeFrame(std::int32_t w, std::int32_t h, std
     : LUMOFrame(w, h, 2, COLORSPACE_MONO),
       width(w),
       height(h),
-      bands(1),
       bitsPerBand(bits),
       leadPad(0),
       trailPad(0),
