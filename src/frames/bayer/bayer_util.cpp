@@ -16,7 +16,15 @@
 
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
+// Clones are chosen by a resolver that runs before the thread checker is set up; that build
+// keeps the baseline kernels only.
+#define LUMO_WIDEST_VECTORS
+#else
+#define LUMO_WIDEST_VECTORS __attribute__((target_clones("avx2", "default")))
 #endif
+
+// The vector helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
+#pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace lumoframekit {
 namespace BayerUtil {
@@ -162,8 +170,6 @@ T* paddedCopy(const T* mosaic, std::uint64_t height, std::uint64_t width, std::u
 // fractional bound and truncating equals flooring it and capping the floor at the bound's integer
 // part, negatives becoming 0. Written on vectors of lanes wide enough for the sums (16-bit lanes
 // for 8-bit samples, 32-bit lanes for 16-bit ones), one lane per site.
-// The helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
-#pragma GCC diagnostic ignored "-Wpsabi"
 #define LUMO_VECTOR_KERNEL __attribute__((always_inline))
 
 template <typename T>
@@ -250,8 +256,8 @@ LUMO_VECTOR_KERNEL inline void runTask(const BayerTBBTask<T>& task) {
 }
 
 // Built for the widest vectors the processor has, chosen when the library is loaded.
-__attribute__((target_clones("avx2", "default"))) void runTask8(const BayerTBBTask<std::uint8_t>& task) { runTask(task); }
-__attribute__((target_clones("avx2", "default"))) void runTask16(const BayerTBBTask<std::uint16_t>& task) { runTask(task); }
+LUMO_WIDEST_VECTORS void runTask8(const BayerTBBTask<std::uint8_t>& task) { runTask(task); }
+LUMO_WIDEST_VECTORS void runTask16(const BayerTBBTask<std::uint16_t>& task) { runTask(task); }
 
 }  // namespace
 
