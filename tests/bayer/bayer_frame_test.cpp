@@ -8,21 +8,11 @@
 
 #include "frames/bayer/bayer_util.h"
 #include "lumoframekit/lumoframekit.h"
+#include "test_support.h"
 
 using namespace lumoframekit;
+using namespace lumotest;
 
-namespace {
-
-struct FrameDeleter {
-    void operator()(IFrame* f) const { delete f; }
-};
-using FramePtr = std::unique_ptr<IFrame, FrameDeleter>;
-
-FramePtr make(std::uint32_t code, int width, int height) {
-    return FramePtr(frameFactory(static_cast<frametypes::FRAMETYPE>(code), width, height));
-}
-
-}  // namespace
 
 TEST(BayerFactory, EveryCodeBuildsItsDepthPackingAndPattern) {
     const std::uint32_t bits[9] = {8, 10, 12, 14, 16, 10, 12, 10, 12};
@@ -111,49 +101,4 @@ TEST(BayerFrame, LimiterReachesTheInnerFrame) {
     EXPECT_EQ(second->allocateBuffer(), nullptr);
     frame.reset();
     EXPECT_EQ(limiter.getMemoryUsed(), 0u);
-}
-
-namespace {
-// Counts allocations and fails on the k-th.
-class FailingAllocator : public HostAllocator {
-public:
-    explicit FailingAllocator(int failAt) : failAt_(failAt) {}
-    void* allocate(std::uint64_t bytes) override {
-        if (++count == failAt_) throw std::bad_alloc();
-        ++live;
-        return HostAllocator::allocate(bytes);
-    }
-    void release(void* array) override {
-        --live;
-        HostAllocator::release(array);
-    }
-    int count = 0;
-    int live = 0;
-
-private:
-    int failAt_;
-};
-}  // namespace
-
-TEST(BayerFrame, ColorSpaceIsRestoredWhenTheAllocatorThrows) {
-    FramePtr frame = make(0x06030000, 4, 4);
-    std::vector<std::uint8_t> mosaic(16, 10);
-    frame->setBufferData(mosaic.data());
-    for (std::uint32_t request : {1u, 2u, 4u}) {
-        for (int k = 1; k <= 3; ++k) {
-            FailingAllocator allocator(k);
-            void* result = reinterpret_cast<void*>(1);
-            FrameDims dims{};
-            const std::int32_t asFloat = 6;
-            try {
-                frame->getDataInColorSpace(&result, &dims, request, &asFloat, 0, &allocator);
-                ASSERT_NE(result, nullptr);
-                allocator.release(result);
-            } catch (const std::bad_alloc&) {
-            }
-            EXPECT_EQ(allocator.live, 0) << request << " " << k;
-            EXPECT_EQ(frame->getColorSpace(), 2u);
-            EXPECT_EQ(frame->getDimensions()->bands, 3u);
-        }
-    }
 }

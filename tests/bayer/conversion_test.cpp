@@ -8,19 +8,14 @@
 
 #include "frames/bayer/element_conversion.h"
 #include "lumoframekit/lumoframekit.h"
+#include "test_support.h"
 
 using namespace lumoframekit;
+using lumotest::FramePtr;
+using lumotest::make;
 
 namespace {
 
-struct FrameDeleter {
-    void operator()(IFrame* f) const { delete f; }
-};
-using FramePtr = std::unique_ptr<IFrame, FrameDeleter>;
-
-FramePtr make(std::uint32_t code, int width, int height) {
-    return FramePtr(frameFactory(static_cast<frametypes::FRAMETYPE>(code), width, height));
-}
 
 const int sizes[8] = {1, 1, 2, 2, 4, 4, 4, 8};
 const bool isSigned[8] = {false, true, false, true, false, true, true, true};

@@ -7,31 +7,11 @@
 #include <vector>
 
 #include "lumoframekit/lumoframekit.h"
+#include "test_support.h"
 
 using namespace lumoframekit;
+using namespace lumotest;
 
-namespace {
-
-class FailingAllocator : public HostAllocator {
-public:
-    explicit FailingAllocator(int failAt) : failAt_(failAt) {}
-    void* allocate(std::uint64_t bytes) override {
-        if (++calls == failAt_) throw std::bad_alloc();
-        ++live;
-        return HostAllocator::allocate(bytes);
-    }
-    void release(void* array) override {
-        --live;
-        HostAllocator::release(array);
-    }
-    int calls = 0;
-    int live = 0;
-
-private:
-    int failAt_;
-};
-
-}  // namespace
 
 TEST(FaultInjection, EveryFailingAllocationReleasesWhatWasTaken) {
     const std::uint32_t codes[] = {0x11010000, 0x11010004, 0x11010017, 0x11010013, 0x11010019, 0x06030003, 0x0603001B,

@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "color/test_support.h"
+#include "test_support.h"
 
 using namespace lumoframekit;
 using namespace lumotest;

@@ -6,17 +6,13 @@
 #include <vector>
 
 #include "lumoframekit/lumoframekit.h"
+#include "test_support.h"
 
 using namespace lumoframekit;
+using lumotest::FramePtr;
 
 namespace {
-struct FrameDeleter {
-    void operator()(IFrame* f) const { delete f; }
-};
-using FramePtr = std::unique_ptr<IFrame, FrameDeleter>;
-FramePtr make(std::uint32_t code, int w = 4, int h = 2) {
-    return FramePtr(frameFactory(static_cast<frametypes::FRAMETYPE>(code), w, h));
-}
+FramePtr make(std::uint32_t code, int w = 4, int h = 2) { return lumotest::make(code, w, h); }
 }  // namespace
 
 TEST(FrameFactory, FamiliesByTheirFamilyByte) {

@@ -74,9 +74,10 @@ void exercise(Input& in) {
     const std::uint32_t code = frameCode(in);
     const std::int32_t width = static_cast<std::int8_t>(in.byte()) % 41;
     const std::int32_t height = static_cast<std::int8_t>(in.byte()) % 41;
+    // The limiter outlives the frame, as a host's must: the frame credits it when it goes.
+    MemoryLimiter limiter(0, std::uint64_t{in.byte()} * 64);
     std::unique_ptr<IFrame> frame(frameFactory(static_cast<frametypes::FRAMETYPE>(code), width, height));
     if (!frame) return;
-    MemoryLimiter limiter(0, std::uint64_t{in.byte()} * 64);
     const std::size_t pixels = static_cast<std::size_t>(width > 0 ? width : 0) * static_cast<std::size_t>(height > 0 ? height : 0);
     for (int step = 0; step < 24 && !in.empty(); ++step) {
         switch (in.byte() % 10) {

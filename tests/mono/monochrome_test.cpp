@@ -9,8 +9,11 @@
 #include <vector>
 
 #include "lumoframekit/lumoframekit.h"
+#include "test_support.h"
 
 using namespace lumoframekit;
+using lumotest::FramePtr;
+using lumotest::make;
 
 namespace {
 
@@ -125,14 +128,6 @@ std::vector<std::uint8_t> randomImage(const Case& c, int width, int height, std:
     return raw;
 }
 
-struct FrameDeleter {
-    void operator()(IFrame* f) const { delete f; }
-};
-using FramePtr = std::unique_ptr<IFrame, FrameDeleter>;
-
-FramePtr make(std::uint32_t code, int width, int height) {
-    return FramePtr(frameFactory(static_cast<frametypes::FRAMETYPE>(code), width, height));
-}
 
 }  // namespace
 

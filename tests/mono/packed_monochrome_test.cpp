@@ -5,19 +5,14 @@
 #include <vector>
 
 #include "lumoframekit/lumoframekit.h"
+#include "test_support.h"
 
 using namespace lumoframekit;
+using lumotest::FramePtr;
+using lumotest::make;
 
 namespace {
 
-struct FrameDeleter {
-    void operator()(IFrame* f) const { delete f; }
-};
-using FramePtr = std::unique_ptr<IFrame, FrameDeleter>;
-
-FramePtr make(std::uint32_t code, int width, int height) {
-    return FramePtr(frameFactory(static_cast<frametypes::FRAMETYPE>(code), width, height));
-}
 
 std::vector<std::uint16_t> unpacked(IFrame& frame) {
     const FrameDims* dims = frame.getDimensions();

@@ -1,7 +1,8 @@
 #pragma once
-// Small helpers shared by the color frame tests.
+// Helpers shared by the frame tests.
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <random>
 #include <vector>
 
@@ -31,5 +32,25 @@ inline std::vector<std::uint8_t> planesOf(lumoframekit::IFrame& frame, std::size
     frame.getData(dest);
     return out;
 }
+
+// A host allocator that fails on its k-th allocation and counts the arrays it has out.
+class FailingAllocator : public lumoframekit::HostAllocator {
+public:
+    explicit FailingAllocator(int failAt) : failAt_(failAt) {}
+    void* allocate(std::uint64_t bytes) override {
+        if (++calls == failAt_) throw std::bad_alloc();
+        ++live;
+        return HostAllocator::allocate(bytes);
+    }
+    void release(void* array) override {
+        --live;
+        HostAllocator::release(array);
+    }
+    int calls = 0;
+    int live = 0;
+
+private:
+    int failAt_;
+};
 
 }  // namespace lumotest
