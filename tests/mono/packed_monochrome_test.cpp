@@ -129,6 +129,12 @@ TEST(PackedMonochrome, InconsistentGeometriesStayInsideTheirBuffers) {
     EXPECT_EQ(early->copyRegionToBuffer(src.data(), 4, 2, 0, 0), nullptr);
     // Without a region copy the unpacking still stays inside the buffer.
     EXPECT_EQ(unpacked(*early).size(), 6u);
+    // A region with pads reports a larger size than the kept buffer holds: filling it from a
+    // source of that size writes no further than the buffer.
+    early->copyRegionToBuffer(src.data(), 8, 4, 5, 1);
+    ASSERT_GT(early->getBufferSize(), 9u);
+    early->setBufferData(src.data());
+    EXPECT_TRUE(early->isBufferAllocated());
 }
 
 TEST(PackedMonochrome, RegionsOutsideTheSourceAreRefused) {

@@ -1,5 +1,6 @@
 #include "lumoframekit/lumo_frame.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -100,7 +101,8 @@ std::uint8_t* LUMOFrame::allocateBuffer() {
 void LUMOFrame::setBufferData(const std::uint8_t* src) {
     std::uint8_t* target = allocateBuffer();
     if (target == nullptr || src == nullptr) return;
-    std::memcpy(target, src, getBufferSize());
+    // A buffer kept from before a change of geometry may be smaller than the size now reported.
+    std::memcpy(target, src, std::min(getBufferSize(), allocatedSize));
 }
 
 bool LUMOFrame::isBufferAllocated() const { return buffer != nullptr; }
