@@ -28,7 +28,7 @@ std::vector<std::uint8_t> noise(std::size_t bytes) {
     return v;
 }
 
-// Fills a frame with noise (through a region copy for packed frames) and times getData.
+// Fills a frame with noise and times getData.
 void runGetData(benchmark::State& state, FramePtr frame, std::size_t outBytes) {
     std::vector<std::uint8_t> raw = noise(frame->getBufferSize() + 64);
     frame->setBufferData(raw.data());
