@@ -36,7 +36,7 @@ TEST(BayerFactory, EveryCodeBuildsItsDepthPackingAndPattern) {
     for (std::uint32_t code : {0x06030024u, 0x06040000u, 0x06000000u, 0x06030100u}) EXPECT_EQ(make(code, 4, 4), nullptr);
 }
 
-TEST(BayerFrame, UnsupportedDepthsAreRefusedWithTheDocumentedMessage) {
+TEST(BayerFrame, UnsupportedDepthsAreRefusedWithTheirMessage) {
     for (std::uint32_t bits : {9u, 11u, 13u, 15u, 7u, 17u, 0u}) {
         try {
             BayerFrame frame(4, 4, bits, 0, false, 0);

@@ -116,7 +116,7 @@ TEST(ElementConversion, EveryPairFollowsTheRules) {
         }
 }
 
-TEST(ElementConversion, DocumentedAsymmetries) {
+TEST(ElementConversion, Asymmetries) {
     const std::int8_t minusOne = -1;
     std::uint8_t asByte = 0;
     convertElements(&minusOne, 1, &asByte, 0, 1, 8);

@@ -108,7 +108,7 @@ TEST(RGB24Frame, RawCopyDropsPadsReordersAndKeepsUnitBytes) {
         }
 }
 
-TEST(RGB24Frame, DocumentedValuesAndOddities) {
+TEST(RGB24Frame, KnownValuesAndOddities) {
     FramePtr bgr = make(0x01000001, 1, 1);
     const std::uint8_t pixel[] = {1, 2, 3};
     bgr->setBufferData(pixel);
@@ -212,7 +212,7 @@ TEST(RGB16Frame, EverySubtypeUnpacksLikeTheTable) {
             }
 }
 
-TEST(RGB16Frame, DocumentedPixelsAndSizes) {
+TEST(RGB16Frame, KnownPixelsAndSizes) {
     const struct {
         int subtype;
         std::uint32_t pixel;

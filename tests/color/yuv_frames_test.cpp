@@ -78,7 +78,7 @@ TEST(YUVPackedFrame, RegionsAtAnyPhaseMatchTheCropWhereTheyDeliver) {
     }
 }
 
-TEST(YUVPackedFrame, DocumentedGeometry) {
+TEST(YUVPackedFrame, KnownGeometry) {
     FramePtr frame = make(0x03000000, 3, 1);
     EXPECT_EQ(frame->getBufferSize(), 8u);  // 2 groups of 4 bytes
     const std::uint8_t bytes[] = {10, 20, 11, 30, 12, 21, 13, 31};
@@ -197,7 +197,7 @@ TEST(YUVHybridFrame, BothLayoutsAndRegionsAtOddOffsets) {
     }
 }
 
-TEST(YUVHybridFrame, DocumentedBytesAndOddSizesStayInside) {
+TEST(YUVHybridFrame, KnownBytesAndOddSizesStayInside) {
     FramePtr frame = make(0x07000000, 4, 4);
     EXPECT_EQ(frame->getBufferSize(), 24u);
     std::vector<std::uint8_t> raw(24);

@@ -54,7 +54,7 @@ std::vector<std::uint8_t> pack(std::uint32_t code, const std::vector<std::uint16
 
 }  // namespace
 
-TEST(PackedMonochrome, DocumentedGroups) {
+TEST(PackedMonochrome, KnownGroups) {
     const std::uint8_t group[] = {0xAB, 0xCD, 0xEF};
     FramePtr msb = make(0x11010019, 2, 1), lsb = make(0x11010024, 2, 1);
     msb->copyRegionToBuffer(group, 2, 1, 0, 0);
