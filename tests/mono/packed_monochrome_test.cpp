@@ -74,7 +74,7 @@ TEST(PackedMonochrome, WholeImagesRoundTripForEveryPacking) {
     std::mt19937 rng(11);
     for (std::uint32_t code : {0x11010018u, 0x11010019u, 0x11010023u, 0x11010024u}) {
         const std::uint16_t mask = (code == 0x11010019u || code == 0x11010024u) ? 0xFFF : 0x3FF;
-        for (auto [w, h] : {std::pair{4, 3}, {8, 5}, {2, 1}, {6, 2}, {5, 3}, {7, 2}, {1, 1}, {1920, 4}}) {
+        for (auto [w, h] : {std::pair{4, 3}, {8, 5}, {2, 1}, {6, 2}, {5, 3}, {7, 2}, {1, 1}, {1920, 4}, {16, 9}, {40, 17}}) {
             std::vector<std::uint16_t> pixels(static_cast<std::size_t>(w) * h);
             for (auto& p : pixels) p = static_cast<std::uint16_t>(rng() & mask);
             const auto packed = pack(code, pixels, w, h);
@@ -92,6 +92,51 @@ TEST(PackedMonochrome, WholeImagesRoundTripForEveryPacking) {
             EXPECT_EQ(out, expect) << std::hex << code << std::dec << " " << w << "x" << h;
         }
     }
+}
+
+namespace {
+
+// The unpacking as defined: pixel c of a row at byte c * bytes / pixels (rounded down for 4-in-5,
+// up for 2-in-3), decoded from that byte and its neighbour, rows rowBytes apart.
+std::uint16_t definedPixel(std::uint32_t code, const std::vector<std::uint8_t>& buf, std::size_t rowStart, std::size_t c) {
+    if (code == 0x11010023) {
+        const std::uint8_t* b = &buf[rowStart + c * 5 / 4];
+        const int shift = 2 * static_cast<int>(c % 4);
+        return static_cast<std::uint16_t>(((b[0] | b[1] << 8) >> shift) & 0x3FF);
+    }
+    const std::uint8_t* b = &buf[rowStart + (c * 3 + 1) / 2];
+    const int shared = c % 2 ? b[-1] >> 4 : b[1] & 0x0F;
+    if (code == 0x11010018) return static_cast<std::uint16_t>(b[0] << 2 | (shared & 3));
+    if (code == 0x11010024 && c % 2 == 0) return static_cast<std::uint16_t>((b[1] & 0x0F) << 8 | b[0]);
+    return static_cast<std::uint16_t>(b[0] << 4 | shared);
+}
+
+}  // namespace
+
+TEST(PackedMonochrome, RegionsWithPadsUnpackAsDefined) {
+    std::mt19937 rng(31);
+    for (std::uint32_t code : {0x11010018u, 0x11010019u, 0x11010023u, 0x11010024u})
+        for (auto [w, h, x] : {std::tuple{17, 9, 3}, {24, 16, 1}, {9, 11, 5}, {33, 8, 2}}) {
+            const int ppg = code == 0x11010023u ? 4 : 2, bpg = ppg == 4 ? 5 : 3;
+            const int srcWidth = 64, srcHeight = 20;
+            std::vector<std::uint8_t> src(srcWidth * bpg / ppg * srcHeight);
+            for (auto& b : src) b = static_cast<std::uint8_t>(rng());
+            FramePtr frame = make(code, w, h);
+            if (frame->copyRegionToBuffer(src.data(), srcWidth, srcHeight, x, 1) == nullptr) continue;
+            // The buffer as the region copy fills it: whole groups, rows at the frame's packed length.
+            const int start = x - x % ppg, lead = start != x ? 1 : 0;
+            const int rowLength = (w + ppg - 1) / ppg * ppg, pad = ppg == 4 ? 3 : 1;
+            const std::size_t copyRow = rowLength * bpg / ppg, stride = w * bpg / ppg;
+            std::vector<std::uint8_t> buf(frame->getBufferSize() + 8, 0);
+            for (int r = 0; r < h; ++r)
+                std::copy_n(&src[start * bpg / ppg + srcWidth * bpg / ppg + r * stride], copyRow, &buf[r * copyRow]);
+            const std::size_t rowBytes = (w + lead * pad + (w % ppg ? pad : 0)) * bpg / ppg;
+            const auto out = unpacked(*frame);
+            for (int c = 0; c < w; ++c)
+                for (int r = 0; r < h; ++r)
+                    ASSERT_EQ(out[static_cast<std::size_t>(c) * h + r], definedPixel(code, buf, r * rowBytes, c + lead))
+                        << std::hex << code << std::dec << " " << w << "x" << h << " at " << x << ": " << c << "," << r;
+        }
 }
 
 TEST(PackedMonochrome, LeadAndTrailPadsFollowTheRegion) {

@@ -10,6 +10,7 @@
 #endif
 
 #include "frames/core/transpose.h"
+#include "frames/core/vector_transpose.h"
 
 namespace lumoframekit {
 
@@ -45,9 +46,9 @@ inline std::uint16_t decode(const std::uint8_t* b, std::size_t c) {
 }
 
 #if defined(__x86_64__)
-// Eight pixels from the 12 (2-in-3) or 10 (4-in-5) bytes at row, into 16-bit lanes.
+// Eight pixels from the 12 (2-in-3) or 10 (4-in-5) bytes at row, in 16-bit lanes.
 template <Packing P>
-__attribute__((target("ssse3"))) inline void decodeEight(const std::uint8_t* row, std::uint16_t* out) {
+__attribute__((target("ssse3"))) inline __m128i decodeEight(const std::uint8_t* row) {
     const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row));
     __m128i pixels;
     if constexpr (P == Packing::Ten4in5) {
@@ -73,7 +74,7 @@ __attribute__((target("ssse3"))) inline void decodeEight(const std::uint8_t* row
         pixels = _mm_or_si128(_mm_slli_epi16(high, low),
                               _mm_or_si128(_mm_and_si128(shared, evenField), _mm_and_si128(_mm_srli_epi16(shared, 4), oddField)));
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), pixels);
+    return pixels;
 }
 
 bool hasSsse3() {
@@ -81,41 +82,64 @@ bool hasSsse3() {
     return present;
 }
 
-// Whole groups of eight pixels while a 16-byte load stays before end; the count decoded.
+// Blocks of eight rows by eight pixels are decoded into registers, transposed there and stored
+// as eight column pieces; pixels and rows that do not fill a block are decoded one at a time.
 template <Packing P>
-__attribute__((target("ssse3"))) std::size_t decodeVectors(const std::uint8_t* row, const std::uint8_t* end,
-                                                           std::uint16_t* out, std::size_t count) {
+__attribute__((target("ssse3"))) void unpackBlocks(std::uint16_t* out, const std::uint8_t* buffer,
+                                                   const std::uint8_t* end, std::size_t rowBytes, std::size_t first,
+                                                   std::size_t width, std::size_t height) {
     constexpr std::size_t groupBytes = P == Packing::Ten4in5 ? 10 : 12;
-    std::size_t c = 0;
-    for (; c + 8 <= count && row + c / 8 * groupBytes + 16 <= end; c += 8) decodeEight<P>(row + c / 8 * groupBytes, out + c);
-    return c;
+    const std::size_t decoded = first + width;
+    const std::size_t fullRows = height / 8 * 8;
+    auto* target = reinterpret_cast<std::uint8_t*>(out);
+    for (std::size_t r0 = 0; r0 < fullRows; r0 += 8) {
+        const std::uint8_t* rows = buffer + r0 * rowBytes;
+        const std::uint8_t* lastRow = rows + 7 * rowBytes;
+        std::size_t c0 = 0;
+        for (; c0 + 8 <= decoded && lastRow + c0 / 8 * groupBytes + 16 <= end; c0 += 8) {
+            __m128i v[8];
+            for (std::size_t i = 0; i < 8; ++i) v[i] = decodeEight<P>(rows + i * rowBytes + c0 / 8 * groupBytes);
+            transposeVectors<2>(v);
+            for (std::size_t k = 0; k < 8; ++k)
+                if (c0 + k >= first)
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(target + ((c0 + k - first) * height + r0) * 2), v[k]);
+        }
+        for (std::size_t c = std::max(c0, first); c < decoded; ++c)
+            for (std::size_t i = 0; i < 8; ++i)
+                out[(c - first) * height + r0 + i] = decode<P>(rows + i * rowBytes + byteOfPixel(P, c), c);
+    }
+    for (std::size_t r = fullRows; r < height; ++r)
+        for (std::size_t c = first; c < decoded; ++c)
+            out[(c - first) * height + r] = decode<P>(buffer + r * rowBytes + byteOfPixel(P, c), c);
 }
 #endif
 
-// Pixels 0..count-1 of a row that starts at a group, into out. end bounds what may be read.
+// Pixels 0..count-1 of a row that starts at a group, into out.
 template <Packing P>
-void decodeRow(const std::uint8_t* row, const std::uint8_t* end, std::uint16_t* out, std::size_t count) {
-    std::size_t c = 0;
-#if defined(__x86_64__)
-    if (vectorKernelsEnabled() && hasSsse3()) c = decodeVectors<P>(row, end, out, count);
-#else
-    (void)end;
-#endif
-    for (; c < count; ++c) out[c] = decode<P>(row + byteOfPixel(P, c), c);
+void decodeRow(const std::uint8_t* row, std::uint16_t* out, std::size_t count) {
+    for (std::size_t c = 0; c < count; ++c) out[c] = decode<P>(row + byteOfPixel(P, c), c);
 }
 
-// Rows are decoded in bands into a row-major scratch band, which is then transposed into the
-// column-major host array: both passes walk memory in order.
+// Without the byte shuffles, rows are decoded in bands into a row-major scratch band, which is
+// then transposed into the column-major host array: both passes walk memory in order.
 template <Packing P>
 void unpack(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end, std::size_t rowBytes,
             std::size_t firstPixel, std::size_t width, std::size_t height) {
+#if defined(__x86_64__)
+    if (vectorKernelsEnabled() && hasSsse3()) {
+        unpackBlocks<P>(out, buffer, end, rowBytes, firstPixel, width, height);
+        return;
+    }
+#else
+    (void)end;
+#endif
     constexpr std::size_t bandRows = 64;
     const std::size_t decoded = firstPixel + width;
     std::vector<std::uint16_t> band(bandRows * decoded);
     for (std::size_t r0 = 0; r0 < height; r0 += bandRows) {
         const std::size_t rows = std::min(bandRows, height - r0);
         for (std::size_t i = 0; i < rows; ++i)
-            decodeRow<P>(buffer + (r0 + i) * rowBytes, end, band.data() + i * decoded, decoded);
+            decodeRow<P>(buffer + (r0 + i) * rowBytes, band.data() + i * decoded, decoded);
         transposeSamples<2>(reinterpret_cast<const std::uint8_t*>(band.data() + firstPixel), decoded * 2,
                             reinterpret_cast<std::uint8_t*>(out + r0), height, rows, width, false, SampleOp::Copy);
     }
