@@ -37,7 +37,7 @@ std::array<std::uint8_t, 3> packedPixel(const Packing& p, const std::vector<std:
 TEST(YUVPackedFrame, EverySubtypeSplitsItsMacroPixels) {
     std::mt19937 rng(14);
     for (int subtype = 0; subtype < 7; ++subtype)
-        for (auto [w, h] : {std::pair{5, 3}, {8, 2}, {1, 1}, {13, 4}, {37, 3}, {64, 2}}) {
+        for (auto [w, h] : {std::pair{5, 3}, {8, 2}, {1, 1}, {13, 4}, {37, 3}, {64, 2}, {40, 17}}) {
             const Packing& p = packings[subtype];
             const int groups = (w + p.ppg - 1) / p.ppg;
             FramePtr frame = make(0x03000000u | subtype, w, h);
