@@ -24,10 +24,6 @@ void splitRowPortable(const std::uint8_t* row, std::size_t first, std::size_t wi
 }
 
 #if defined(__x86_64__)
-bool hasSsse3() {
-    static const bool present = __builtin_cpu_supports("ssse3");
-    return present;
-}
 
 // Byte shuffles that pick plane c's 16 samples out of the k-th 16 bytes of a block.
 struct Shuffles {
@@ -101,7 +97,7 @@ __attribute__((target("ssse3"))) void splitBlocks(const std::uint8_t* src, std::
 void splitInterleaved(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
                       std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]) {
 #if defined(__x86_64__)
-    if (vectorKernelsEnabled() && hasSsse3()) {
+    if (shuffleKernelsAvailable()) {
         splitBlocks(src, stride, end, width, height, flipRows, block, planes);
         return;
     }

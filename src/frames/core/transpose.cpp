@@ -103,6 +103,15 @@ void transposeVector(const std::uint8_t* src, std::size_t srcRowBytes, std::uint
 bool vectorKernelsEnabled() { return vectorKernels.load(std::memory_order_relaxed); }
 void setVectorKernelsEnabled(bool enabled) { vectorKernels.store(enabled, std::memory_order_relaxed); }
 
+bool shuffleKernelsAvailable() {
+#if defined(__x86_64__)
+    static const bool present = __builtin_cpu_supports("ssse3");
+    return present && vectorKernelsEnabled();
+#else
+    return false;
+#endif
+}
+
 template <int N>
 void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
                       std::size_t rows, std::size_t cols, bool flipRows, SampleOp op) {

@@ -20,4 +20,7 @@ void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uin
 bool vectorKernelsEnabled();
 void setVectorKernelsEnabled(bool enabled);
 
+// Whether the byte-shuffle kernels may run: enabled, and the processor has SSSE3.
+bool shuffleKernelsAvailable();
+
 }  // namespace lumoframekit

@@ -77,10 +77,6 @@ __attribute__((target("ssse3"))) inline __m128i decodeEight(const std::uint8_t* 
     return pixels;
 }
 
-bool hasSsse3() {
-    static const bool present = __builtin_cpu_supports("ssse3");
-    return present;
-}
 
 // Blocks of eight rows by eight pixels are decoded into registers, transposed there and stored
 // as eight column pieces; pixels and rows that do not fill a block are decoded one at a time.
@@ -126,7 +122,7 @@ template <Packing P>
 void unpack(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end, std::size_t rowBytes,
             std::size_t firstPixel, std::size_t width, std::size_t height) {
 #if defined(__x86_64__)
-    if (vectorKernelsEnabled() && hasSsse3()) {
+    if (shuffleKernelsAvailable()) {
         unpackBlocks<P>(out, buffer, end, rowBytes, firstPixel, width, height);
         return;
     }
