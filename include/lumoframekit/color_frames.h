@@ -111,6 +111,9 @@ public:
     const FrameDims* getDimensions() const override;
 
 private:
+    // Rows of `groups` macro-pixels: stride, tail pad and buffer size follow from it.
+    void layOutRows(std::int32_t groups);
+
     std::int32_t subtype;
     FrameDims dims;
     std::int32_t width;

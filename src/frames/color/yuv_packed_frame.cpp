@@ -73,12 +73,15 @@ YUVPackedFrame::YUVPackedFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
       rowStride(0),
       startPhase(0),
       tailPad(0) {
-    if (const PackedFormat* f = formatOf(sub)) {
-        groupsPerRow = groupsFor(w, f->pixelsPerGroup);
-        rowStride = static_cast<std::int32_t>(static_cast<std::uint32_t>(f->bytesPerGroup) * static_cast<std::uint32_t>(groupsPerRow));
-        tailPad = (groupsPerRow * f->pixelsPerGroup - w) % f->pixelsPerGroup;
-        bufferSize = wrappedSize(static_cast<std::int64_t>(h) * rowStride);
-    }
+    if (const PackedFormat* f = formatOf(sub)) layOutRows(groupsFor(w, f->pixelsPerGroup));
+}
+
+void YUVPackedFrame::layOutRows(std::int32_t groups) {
+    const PackedFormat& f = *formatOf(subtype);
+    groupsPerRow = groups;
+    rowStride = static_cast<std::int32_t>(static_cast<std::uint32_t>(f.bytesPerGroup) * static_cast<std::uint32_t>(groups));
+    tailPad = (groups * f.pixelsPerGroup - width) % f.pixelsPerGroup;
+    bufferSize = wrappedSize(static_cast<std::int64_t>(rowStride) * height);
 }
 
 std::int32_t YUVPackedFrame::getDataType() const { return DATATYPE_UINT8; }
@@ -143,10 +146,7 @@ std::uint8_t* YUVPackedFrame::copyRegionToBuffer(const std::uint8_t* src, std::u
         if (startPhase != 0 || groupsPerRow != groupsFor(width, ppg)) {
             freeFrameBuffer();
             startPhase = 0;
-            groupsPerRow = groupsFor(width, ppg);
-            rowStride = bpg * groupsPerRow;
-            bufferSize = wrappedSize(static_cast<std::int64_t>(rowStride) * height);
-            tailPad = (groupsPerRow * ppg - width) % ppg;
+            layOutRows(groupsFor(width, ppg));
         }
         setBufferData(src);
         return buffer;
@@ -167,10 +167,7 @@ std::uint8_t* YUVPackedFrame::copyRegionToBuffer(const std::uint8_t* src, std::u
             // A new row length: the old buffer goes (credited at its own size) and a new one is
             // sized for the new rows.
             freeFrameBuffer();
-            groupsPerRow = groups;
-            rowStride = static_cast<std::int32_t>(stride);
-            bufferSize = wrappedSize(static_cast<std::int64_t>(rowStride) * height);
-            tailPad = (groups * ppg - width) % ppg;
+            layOutRows(groups);
         }
     }
     std::uint8_t* target = allocateBuffer();
