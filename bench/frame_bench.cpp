@@ -7,26 +7,19 @@
 #include <random>
 #include <vector>
 
+#include "bench_support.h"
 #include "lumoframekit/lumoframekit.h"
 
 using namespace lumoframekit;
+using namespace lumobench;
 
 namespace {
 
-constexpr int kWidth = 1920;
-constexpr int kHeight = 1080;
 
 struct FrameDeleter {
     void operator()(IFrame* f) const { delete f; }
 };
 using FramePtr = std::unique_ptr<IFrame, FrameDeleter>;
-
-std::vector<std::uint8_t> noise(std::size_t bytes) {
-    std::vector<std::uint8_t> v(bytes);
-    std::mt19937 rng(1);
-    for (auto& b : v) b = static_cast<std::uint8_t>(rng());
-    return v;
-}
 
 // Fills a frame with noise and times getData.
 void runGetData(benchmark::State& state, FramePtr frame, std::size_t outBytes) {
@@ -53,16 +46,7 @@ void mono8Unblocked(benchmark::State& state) {
     runGetData(state, FramePtr(new MonochromeFrame8bitTopDown(kWidth, kHeight)), static_cast<std::size_t>(kWidth) * kHeight);
 }
 
-void memcpyOf(benchmark::State& state, int outBytesPerPixel) {
-    const std::size_t bytes = static_cast<std::size_t>(kWidth) * kHeight * outBytesPerPixel;
-    std::vector<std::uint8_t> src = noise(bytes), dst(bytes);
-    for (auto _ : state) {
-        std::memcpy(dst.data(), src.data(), bytes);
-        benchmark::DoNotOptimize(dst.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(bytes));
-}
+void memcpyOf(benchmark::State& state, int outBytesPerPixel) { copyOf(state, kPixels * outBytesPerPixel); }
 
 // getDataInColorSpace into a new host array, released after each call.
 void colorSpace(benchmark::State& state, std::uint32_t code, std::uint32_t request, int outBytesPerPixel) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "lumoframekit/lumoframekit.h"
 
 #if LUMO_HAVE_OPENCV
@@ -22,19 +23,10 @@
 #endif
 
 using namespace lumoframekit;
+using namespace lumobench;
 
 namespace {
 
-constexpr int kWidth = 1920;
-constexpr int kHeight = 1080;
-constexpr std::size_t kPixels = static_cast<std::size_t>(kWidth) * kHeight;
-
-std::vector<std::uint8_t> noise(std::size_t bytes) {
-    std::vector<std::uint8_t> v(bytes);
-    std::mt19937 rng(1);
-    for (auto& b : v) b = static_cast<std::uint8_t>(rng());
-    return v;
-}
 
 void ours(benchmark::State& state, std::uint32_t code, std::size_t outBytes, std::uint16_t mask) {
     std::unique_ptr<IFrame> frame(frameFactory(static_cast<frametypes::FRAMETYPE>(code), kWidth, kHeight));
@@ -47,15 +39,6 @@ void ours(benchmark::State& state, std::uint32_t code, std::size_t outBytes, std
     for (auto _ : state) {
         frame->getData(dest);
         benchmark::DoNotOptimize(out.data());
-        benchmark::ClobberMemory();
-    }
-}
-
-void copyOf(benchmark::State& state, std::size_t bytes) {
-    std::vector<std::uint8_t> src = noise(bytes), dst(bytes);
-    for (auto _ : state) {
-        std::memcpy(dst.data(), src.data(), bytes);
-        benchmark::DoNotOptimize(dst.data());
         benchmark::ClobberMemory();
     }
 }
