@@ -18,13 +18,3 @@ TEST(FrameTypeColorSpace, ClassifiesByFamilyByteAlone) {
     for (const auto& c : cases)
         EXPECT_EQ(getFrameTypeColorSpace(static_cast<FRAMETYPE>(c.code)), c.space) << std::hex << c.code;
 }
-
-TEST(FrameTypeColorSpace, NamedCodesBelongToTheirFamilies) {
-    using namespace lumoframekit::frametypes;
-    EXPECT_EQ(MONO12_BE_BOTTOMUP, 0x11010106u);
-    EXPECT_EQ(MONO12_PACKED_LSB, 0x11010024u);
-    EXPECT_EQ(BAYER12_PACKED_LSB_RGGB, 0x06030023u);
-    EXPECT_EQ(BGR36_IN48_LE | FRAMETYPE_BOTTOMUP_FLAG, 0x01000111u);
-    EXPECT_EQ(getFrameTypeColorSpace(YUV420_SEMI_PLANAR), 4u);
-    EXPECT_EQ(getFrameTypeColorSpace(RGB565), 2u);
-}

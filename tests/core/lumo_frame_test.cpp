@@ -11,20 +11,6 @@ using lumoframekit::MemoryLimiter;
 using lumotest::RecordingPool;
 using lumotest::TestFrame;
 
-TEST(LUMOFrame, StartsEmpty) {
-    TestFrame frame(4, 3, 2);
-    EXPECT_EQ(frame.getBufferSize(), 24u);
-    EXPECT_FALSE(frame.isBufferAllocated());
-    EXPECT_EQ(frame.getMetaDataCount(), 0u);
-    EXPECT_EQ(frame.getFramePool(), nullptr);
-    EXPECT_EQ(frame.getMemoryLimiter(), nullptr);
-    EXPECT_EQ(frame.getColorSpace(), 1u);
-    frame.setFrameType(0x11010000);
-    frame.setTimeStamp(12.5);
-    EXPECT_EQ(frame.getFrameType(), 0x11010000u);
-    EXPECT_EQ(frame.getTimeStamp(), 12.5);
-}
-
 TEST(LUMOFrame, BufferSizeWrapsAsASigned32BitProduct) {
     const struct {
         std::int32_t w, h, bpp;
@@ -75,17 +61,6 @@ TEST(LUMOFrame, LimiterIsChargedOnceAndCreditedOnce) {
     empty.setMemoryLimiter(&limiter);
     EXPECT_NE(empty.allocateBuffer(), nullptr);  // a zero-length array, charging nothing
     EXPECT_EQ(limiter.getMemoryUsed(), 400u);
-}
-
-TEST(LUMOFrame, SetBufferDataCopiesTheWholeBuffer) {
-    TestFrame frame(3, 2, 2);
-    std::vector<std::uint8_t> src(12);
-    for (std::size_t i = 0; i < src.size(); ++i) src[i] = static_cast<std::uint8_t>(i * 3);
-    frame.setBufferData(src.data());
-    std::vector<std::uint8_t> out(12);
-    void* dest[] = {out.data(), nullptr};
-    frame.getData(dest);
-    EXPECT_EQ(out, src);
 }
 
 TEST(LUMOFrame, ReferenceCountReleasesAtZero) {

@@ -315,15 +315,3 @@ TEST(MonochromeFrames, EmptyAndDegenerateFramesWriteNothing) {
     EXPECT_EQ(make(0x11010000, 5, 3)->getAlignedSize(), 24);
     EXPECT_EQ(make(0x11010000, 4, 3)->getAlignedSize(), 12);
 }
-
-TEST(MonochromeFrames, BottomUpRawCopyKeepsTheMiddleRowAndSingleRows) {
-    FramePtr three = make(0x11010104, 1, 3);
-    const std::uint16_t stored[] = {1, 2, 3};
-    std::uint16_t out[3] = {};
-    void* dest[] = {out, nullptr};
-    three->getDataFromBuffer(dest, reinterpret_cast<const std::uint8_t*>(stored), 1);
-    EXPECT_EQ(std::vector<int>(out, out + 3), (std::vector<int>{3, 2, 1}));
-    FramePtr one = make(0x11010104, 3, 1);
-    one->getDataFromBuffer(dest, reinterpret_cast<const std::uint8_t*>(stored), 1);
-    EXPECT_EQ(std::vector<int>(out, out + 3), (std::vector<int>{1, 2, 3}));
-}
