@@ -39,6 +39,9 @@ public:
     void setUpBlocking();
 
 protected:
+    // A Bayer frame demosaics straight from its inner frame's rows.
+    friend class BayerFrame;
+
     MonochromeFrame(std::int32_t width, std::int32_t height, std::int32_t orientation, std::int32_t bytesPerPixel);
 
     // The stored image holds width * height samples and the buffer was allocated that large.

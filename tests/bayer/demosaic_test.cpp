@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "frames/bayer/bayer_util.h"
+#include "frames/core/transpose.h"
 
 using namespace lumoframekit;
 
@@ -63,13 +64,24 @@ std::vector<T> referenceDemosaic(const std::vector<T>& mosaic, int width, int he
     return out;
 }
 
+// Demosaics the column-major mosaic, or with fromRows the same mosaic laid out row-major in rows
+// three samples longer than the image (their spare samples hold junk).
 template <typename T>
 std::vector<T> run(const std::vector<T>& mosaic, int width, int height, std::uint32_t alignment, std::uint32_t bits,
-                   T fill = 0) {
+                   T fill = 0, bool fromRows = false) {
     const std::size_t n = static_cast<std::size_t>(width) * height;
     std::vector<T> out(3 * n, fill);
     const std::pair<std::uint32_t, std::uint32_t> dims{static_cast<std::uint32_t>(height), static_cast<std::uint32_t>(width)};
-    if constexpr (sizeof(T) == 1)
+    if (fromRows) {
+        const std::size_t pitch = static_cast<std::size_t>(width) + 3;
+        std::vector<T> rows(pitch * height, static_cast<T>(0x5A5A));
+        for (int x = 0; x < width; ++x)
+            for (int y = 0; y < height; ++y) rows[y * pitch + x] = mosaic[static_cast<std::size_t>(x) * height + y];
+        if constexpr (sizeof(T) == 1)
+            BayerUtil::demosaicRows8(rows.data(), pitch, out.data(), out.data() + n, out.data() + 2 * n, dims, alignment, bits);
+        else
+            BayerUtil::demosaicRows16(rows.data(), pitch, out.data(), out.data() + n, out.data() + 2 * n, dims, alignment, bits);
+    } else if constexpr (sizeof(T) == 1)
         BayerUtil::demosaic8(mosaic.data(), out.data(), out.data() + n, out.data() + 2 * n, n, dims, alignment, bits);
     else
         BayerUtil::demosaic16(mosaic.data(), out.data(), out.data() + n, out.data() + 2 * n, n, dims, alignment, bits);
@@ -78,27 +90,38 @@ std::vector<T> run(const std::vector<T>& mosaic, int width, int height, std::uin
 
 }  // namespace
 
+// Both the vector kernels and the portable ones, over sizes whose columns hold whole vectors,
+// short tails, or both.
 TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
     std::mt19937 rng(5);
+    for (bool vectors : {true, false}) {
+    setVectorKernelsEnabled(vectors);
     for (std::uint32_t bits : {8u, 10u, 12u, 14u, 16u}) {
-        for (auto [w, h] : {std::pair{3, 3}, {4, 4}, {5, 3}, {3, 6}, {8, 7}, {17, 12}}) {
+        for (auto [w, h] : {std::pair{3, 3}, {4, 4}, {5, 3}, {3, 6}, {8, 7}, {17, 12}, {70, 67}, {37, 130}}) {
             for (std::uint32_t alignment : {0u, 1u, 2u, 4u}) {
-                SCOPED_TRACE(::testing::Message() << bits << " bits " << w << "x" << h << " alignment " << alignment);
+                SCOPED_TRACE(::testing::Message() << bits << " bits " << w << "x" << h << " alignment " << alignment
+                                                  << (vectors ? " vector" : " portable"));
                 if (bits == 8) {
                     std::vector<std::uint8_t> mosaic(static_cast<std::size_t>(w) * h);
                     for (auto& v : mosaic) v = static_cast<std::uint8_t>(rng());
                     // Sentinel 0xA5 shows any element left unwritten.
-                    EXPECT_EQ(run(mosaic, w, h, alignment, bits, std::uint8_t{0xA5}), referenceDemosaic(mosaic, w, h, alignment, bits));
+                    const auto expected = referenceDemosaic(mosaic, w, h, alignment, bits);
+                    EXPECT_EQ(run(mosaic, w, h, alignment, bits, std::uint8_t{0xA5}), expected);
+                    EXPECT_EQ(run(mosaic, w, h, alignment, bits, std::uint8_t{0xA5}, true), expected);
                 } else {
                     // Samples up to the full 16 bits, so that raw values above 2^bits pass through
                     // unclamped and computed ones clamp.
                     std::vector<std::uint16_t> mosaic(static_cast<std::size_t>(w) * h);
                     for (auto& v : mosaic) v = static_cast<std::uint16_t>(rng() >> (rng() % 2 ? 16 : 16 + 16 - bits));
-                    EXPECT_EQ(run(mosaic, w, h, alignment, bits, std::uint16_t{0xA5A5}), referenceDemosaic(mosaic, w, h, alignment, bits));
+                    const auto expected = referenceDemosaic(mosaic, w, h, alignment, bits);
+                    EXPECT_EQ(run(mosaic, w, h, alignment, bits, std::uint16_t{0xA5A5}), expected);
+                    EXPECT_EQ(run(mosaic, w, h, alignment, bits, std::uint16_t{0xA5A5}, true), expected);
                 }
             }
         }
     }
+    }
+    setVectorKernelsEnabled(true);
 }
 
 TEST(Demosaic, UniformMosaicGivesItsValueEverywhere) {
@@ -129,7 +152,9 @@ TEST(Demosaic, ClampsComputedValuesButNotRawOnes) {
 TEST(Demosaic, TinyImagesStayInsideTheirPlanes) {
     for (auto [w, h] : {std::pair{1, 1}, {2, 2}, {1, 5}, {6, 2}, {2, 1}}) {
         const std::vector<std::uint8_t> mosaic(static_cast<std::size_t>(w) * h, 50);
-        EXPECT_EQ(run(mosaic, w, h, 4, 8), std::vector<std::uint8_t>(3 * mosaic.size(), 50)) << w << "x" << h;
+        for (bool fromRows : {false, true})
+            EXPECT_EQ(run(mosaic, w, h, 4, 8, std::uint8_t{0}, fromRows), std::vector<std::uint8_t>(3 * mosaic.size(), 50))
+                << w << "x" << h;
     }
     EXPECT_TRUE(run(std::vector<std::uint8_t>{}, 0, 4, 0, 8).empty());
 }

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "frames/bayer/bayer_util.h"
+#include "frames/core/transpose.h"
 #include "lumoframekit/monochrome_frame.h"
 #include "lumoframekit/packed_monochrome_frame.h"
 
@@ -77,30 +78,42 @@ void BayerFrame::getData(void** dest) {
     if (dest == nullptr || dest[0] == nullptr || !isBufferAllocated()) return;
     const std::uint64_t pixels = static_cast<std::uint64_t>(dims.width) * dims.height;
     if (pixels == 0) return;
-    // The mosaic unpacked, top-down and column-major. A packed mosaic whose geometry the inner
-    // frame cannot deliver leaves it as it was, so that one is zeroed first: no stale memory is
-    // demosaiced.
-    std::unique_ptr<std::uint8_t[]> scratch(new std::uint8_t[pixels * bytesPerSample]);
-    if (dynamic_cast<const PackedMonochromeFrame*>(inner) != nullptr) std::memset(scratch.get(), 0, pixels * bytesPerSample);
-    void* scratchList[] = {scratch.get(), nullptr};
-    inner->getData(scratchList);
-
     const bool onePointer = dest[1] == nullptr;
     if (!onePointer && dest[2] == nullptr) return;  // two planes name no layout
+    void* planes[3] = {dest[0], onePointer ? static_cast<std::uint8_t*>(dest[0]) + pixels * bytesPerSample : dest[1],
+                       onePointer ? static_cast<std::uint8_t*>(dest[0]) + 2 * pixels * bytesPerSample : dest[2]};
     const std::pair<std::uint32_t, std::uint32_t> size{dims.height, dims.width};
     const std::uint32_t bits = getBitsPerBand() & 0xFFu;
-    if (bytesPerSample == 1) {
-        auto* first = static_cast<std::uint8_t*>(dest[0]);
-        BayerUtil::demosaic8(scratch.get(), first, onePointer ? first + pixels : static_cast<std::uint8_t*>(dest[1]),
-                             onePointer ? first + 2 * pixels : static_cast<std::uint8_t*>(dest[2]), pixels, size,
-                             alignment, bits);
-    } else {
-        auto* first = static_cast<std::uint16_t*>(dest[0]);
-        BayerUtil::demosaic16(reinterpret_cast<const std::uint16_t*>(scratch.get()), first,
-                              onePointer ? first + pixels : static_cast<std::uint16_t*>(dest[1]),
-                              onePointer ? first + 2 * pixels : static_cast<std::uint16_t*>(dest[2]), pixels, size,
-                              alignment, bits);
+
+    // Unpacked samples are demosaiced straight from the inner frame's rows, which hold them top-down
+    // as the host receives them.
+    if (const auto* rows = dynamic_cast<const MonochromeFrame*>(inner);
+        rows != nullptr && rows->holdsWholeImage() && rows->orientation == 0 &&
+        rows->sampleMapping == static_cast<std::uint8_t>(SampleOp::Copy)) {
+        if (bytesPerSample == 1)
+            BayerUtil::demosaicRows8(rows->buffer, dims.width, static_cast<std::uint8_t*>(planes[0]),
+                                     static_cast<std::uint8_t*>(planes[1]), static_cast<std::uint8_t*>(planes[2]), size,
+                                     alignment, bits);
+        else
+            BayerUtil::demosaicRows16(reinterpret_cast<const std::uint16_t*>(rows->buffer), dims.width,
+                                      static_cast<std::uint16_t*>(planes[0]), static_cast<std::uint16_t*>(planes[1]),
+                                      static_cast<std::uint16_t*>(planes[2]), size, alignment, bits);
+        return;
     }
+
+    // Otherwise the mosaic is unpacked, top-down and column-major, into scratch first. Zeroed
+    // first, so that a mosaic the inner frame cannot deliver demosaics as black, never as stale
+    // memory.
+    std::unique_ptr<std::uint8_t[]> scratch(new std::uint8_t[pixels * bytesPerSample]());
+    void* scratchList[] = {scratch.get(), nullptr};
+    inner->getData(scratchList);
+    if (bytesPerSample == 1)
+        BayerUtil::demosaic8(scratch.get(), static_cast<std::uint8_t*>(planes[0]), static_cast<std::uint8_t*>(planes[1]),
+                             static_cast<std::uint8_t*>(planes[2]), pixels, size, alignment, bits);
+    else
+        BayerUtil::demosaic16(reinterpret_cast<const std::uint16_t*>(scratch.get()), static_cast<std::uint16_t*>(planes[0]),
+                              static_cast<std::uint16_t*>(planes[1]), static_cast<std::uint16_t*>(planes[2]), pixels,
+                              size, alignment, bits);
 }
 
 void BayerFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint32_t requested,

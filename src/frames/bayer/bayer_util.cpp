@@ -1,4 +1,5 @@
 #include "frames/bayer/bayer_util.h"
+#include "frames/core/transpose.h"
 
 #include <oneapi/tbb/task_group.h>
 
@@ -14,13 +15,11 @@
 #include <new>
 #include <vector>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
-// Clones are chosen by a resolver that runs before the thread checker is set up; that build
-// keeps the baseline kernels only.
-#define LUMO_WIDEST_VECTORS
-#else
-#define LUMO_WIDEST_VECTORS __attribute__((target_clones("avx2", "default")))
 #endif
 
 // The vector helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
@@ -129,40 +128,75 @@ T* workspace(std::uint64_t count, int which) {
     return space.data();
 }
 
+// Padded rows 0, 1, height + 2 and height + 3 of one padded column, reflected from the image
+// rows the column already holds; the spare element at the end of each half is zeroed.
 template <typename T>
-T* paddedCopy(const T* mosaic, std::uint64_t height, std::uint64_t width, std::uint64_t stride) {
+void padColumnEnds(T* even, T* odd, std::uint64_t height, std::uint64_t stride) {
+    const auto n = static_cast<std::int64_t>(height);
+    const auto row = [&](std::uint64_t q) {  // padded row q, from inside the image
+        const std::uint64_t inside = reflected(static_cast<std::int64_t>(q), n) + 2;
+        return inside % 2 == 0 ? even[inside / 2] : odd[inside / 2];
+    };
+    const T top0 = row(0), top1 = row(1), below0 = row(height + 2), below1 = row(height + 3);
+    odd[stride - 1] = even[stride - 1] = 0;
+    even[0] = top0;
+    odd[0] = top1;
+    T* const halves[2] = {even, odd};
+    halves[height % 2][(height + 2) / 2] = below0;
+    halves[(height + 1) % 2][(height + 3) / 2] = below1;
+}
+
+// The padded mosaic in working memory, its interior written by fill(even, odd) (image row y,
+// column x at padded row y + 2, column x + 2); the borders are reflected from it here.
+template <typename T, typename Fill>
+PaddedMosaic<T> paddedMosaic(std::uint64_t height, std::uint64_t width, Fill fill) {
     constexpr std::uint64_t slack = 64;
-    const std::uint64_t used = 2 * stride * (width + 4);
-    T* padded = workspace<T>(used + slack, 0);
+    const std::uint64_t stride = parityStride<T>(height);
+    const std::uint64_t half = stride * (width + 4);
+    T* padded = workspace<T>(2 * half + slack, 0);
     // Vector reads run past a column's last site into the next column or this slack: never into
     // memory that was not written.
-    std::fill(padded + used, padded + used + slack, T{0});
+    std::fill(padded + 2 * half, padded + 2 * half + slack, T{0});
     T* even = padded;
-    T* odd = padded + stride * (width + 4);
-    for (std::uint64_t p = 0; p < width + 4; ++p) {
-        const T* source = mosaic + reflected(static_cast<std::int64_t>(p), static_cast<std::int64_t>(width)) * height;
-        T* e = even + p * stride;
-        T* o = odd + p * stride;
-        // Image row y is padded row y + 2: even image rows to the even half, odd ones to the odd.
-        deinterleave(source, e + 1, o + 1, height / 2);
-        if (height % 2 == 1) e[1 + height / 2] = source[height - 1];
-        o[stride - 1] = e[stride - 1] = 0;
-        // Padded rows 0 and 1 and the two below the image, reflected from inside it.
-        const auto row = [&](std::uint64_t q) {
-            return source[reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height))];
-        };
-        e[0] = row(0);
-        o[0] = row(1);
-        const std::uint64_t below = height + 2;  // even when the height is
-        if (below % 2 == 0) {
-            e[below / 2] = row(below);
-            o[below / 2] = row(below + 1);
-        } else {
-            o[below / 2] = row(below);
-            e[(below + 1) / 2] = row(below + 1);
-        }
+    T* odd = padded + half;
+    fill(even, odd, stride);
+    for (std::uint64_t p = 2; p < width + 2; ++p) padColumnEnds(even + p * stride, odd + p * stride, height, stride);
+    for (std::uint64_t p : {std::uint64_t{0}, std::uint64_t{1}, width + 2, width + 3}) {
+        const std::uint64_t from = reflected(static_cast<std::int64_t>(p), static_cast<std::int64_t>(width)) + 2;
+        std::memcpy(even + p * stride, even + from * stride, stride * sizeof(T));
+        std::memcpy(odd + p * stride, odd + from * stride, stride * sizeof(T));
     }
-    return padded;
+    return {even, odd, stride};
+}
+
+// From a column-major mosaic: each column split by row parity.
+template <typename T>
+PaddedMosaic<T> paddedFromColumns(const T* mosaic, std::uint64_t height, std::uint64_t width) {
+    return paddedMosaic<T>(height, width, [&](T* even, T* odd, std::uint64_t stride) {
+        for (std::uint64_t x = 0; x < width; ++x) {
+            const T* source = mosaic + x * height;
+            T* e = even + (x + 2) * stride + 1;
+            T* o = odd + (x + 2) * stride + 1;
+            deinterleave(source, e, o, height / 2);
+            if (height % 2 == 1) e[height / 2] = source[height - 1];
+        }
+    });
+}
+
+// From a row-major mosaic (rows rowSamples apart): the even rows and the odd rows each
+// transposed straight into their half.
+template <typename T>
+PaddedMosaic<T> paddedFromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std::uint64_t width) {
+    return paddedMosaic<T>(height, width, [&](T* even, T* odd, std::uint64_t stride) {
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(rows);
+        const std::size_t rowBytes = rowSamples * sizeof(T);
+        const std::uint64_t evenRows = (height + 1) / 2, oddRows = height / 2;
+        transposeSamples<sizeof(T)>(bytes, 2 * rowBytes, reinterpret_cast<std::uint8_t*>(even + 2 * stride + 1), stride,
+                                    evenRows, width, false, SampleOp::Copy);
+        if (oddRows > 0)
+            transposeSamples<sizeof(T)>(bytes + rowBytes, 2 * rowBytes, reinterpret_cast<std::uint8_t*>(odd + 2 * stride + 1),
+                                        stride, oddRows, width, false, SampleOp::Copy);
+    });
 }
 
 // The kernels, each as an integer multiple of the exact value (Gx in eighths, the chroma kernels in
@@ -255,17 +289,152 @@ LUMO_VECTOR_KERNEL inline void runTask(const BayerTBBTask<T>& task) {
         siteColumn(task, same + p * stride, other + p * stride, stride, 1, evenSites ? 0 : 1, sites, column * sites);
 }
 
-// Built for the widest vectors the processor has, chosen when the library is loaded.
-LUMO_WIDEST_VECTORS void runTask8(const BayerTBBTask<std::uint8_t>& task) { runTask(task); }
-LUMO_WIDEST_VECTORS void runTask16(const BayerTBBTask<std::uint16_t>& task) { runTask(task); }
+#if defined(__x86_64__)
+
+// The same kernels on 256-bit vectors, for processors with AVX2 (chosen at run time). Each step
+// covers two vectors of wide lanes, packed back into one vector of samples.
+#define LUMO_AVX2 __attribute__((target("avx2"), always_inline)) inline
+
+template <typename T>
+struct Wide;
+
+template <>
+struct Wide<std::uint8_t> {
+    static constexpr std::uint64_t lanes = 16;
+    LUMO_AVX2 static __m256i load(const std::uint8_t* at) {
+        return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(at)));
+    }
+    LUMO_AVX2 static __m256i add(__m256i a, __m256i b) { return _mm256_add_epi16(a, b); }
+    LUMO_AVX2 static __m256i sub(__m256i a, __m256i b) { return _mm256_sub_epi16(a, b); }
+    LUMO_AVX2 static __m256i times(__m256i a, int k) { return _mm256_mullo_epi16(a, _mm256_set1_epi16(static_cast<short>(k))); }
+    template <int Bits>
+    LUMO_AVX2 static __m256i shr(__m256i a) { return _mm256_srai_epi16(a, Bits); }
+    LUMO_AVX2 static __m256i bound(std::int32_t upper) { return _mm256_set1_epi8(static_cast<char>(upper)); }
+    // Saturating to [0, 255] and then capping at the bound is the clamp.
+    LUMO_AVX2 static __m256i narrow(__m256i a, __m256i b, __m256i upper) {
+        return _mm256_min_epu8(_mm256_permute4x64_epi64(_mm256_packus_epi16(a, b), 0xD8), upper);
+    }
+};
+
+template <>
+struct Wide<std::uint16_t> {
+    static constexpr std::uint64_t lanes = 8;
+    LUMO_AVX2 static __m256i load(const std::uint16_t* at) {
+        return _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(at)));
+    }
+    LUMO_AVX2 static __m256i add(__m256i a, __m256i b) { return _mm256_add_epi32(a, b); }
+    LUMO_AVX2 static __m256i sub(__m256i a, __m256i b) { return _mm256_sub_epi32(a, b); }
+    LUMO_AVX2 static __m256i times(__m256i a, int k) { return _mm256_mullo_epi32(a, _mm256_set1_epi32(k)); }
+    template <int Bits>
+    LUMO_AVX2 static __m256i shr(__m256i a) { return _mm256_srai_epi32(a, Bits); }
+    LUMO_AVX2 static __m256i bound(std::int32_t upper) { return _mm256_set1_epi16(static_cast<short>(upper)); }
+    LUMO_AVX2 static __m256i narrow(__m256i a, __m256i b, __m256i upper) {
+        return _mm256_min_epu16(_mm256_permute4x64_epi64(_mm256_packus_epi32(a, b), 0xD8), upper);
+    }
+};
+
+// The two computed values of one vector of sites: horizontal and vertical chroma at green sites,
+// green and the diagonal chroma at red and blue ones, before the clamp. s points at the sites,
+// o at the other parity's row above them.
+template <typename T, bool GreenSite>
+LUMO_AVX2 void wideSites(const T* s, const T* o, std::uint64_t stride, __m256i& first, __m256i& second) {
+    using W = Wide<T>;
+    const __m256i c = W::load(s);
+    const __m256i vertical2 = W::add(W::load(s - 1), W::load(s + 1));                  // n2 + s2
+    const __m256i horizontal2 = W::add(W::load(s - 2 * stride), W::load(s + 2 * stride));  // w2 + e2
+    const __m256i vertical1 = W::add(W::load(o), W::load(o + 1));                      // n1 + s1
+    const __m256i horizontal1 = W::add(W::load(s - stride), W::load(s + stride));      // w1 + e1
+    const __m256i diagonals = W::add(W::add(W::load(o - stride), W::load(o - stride + 1)),
+                                     W::add(W::load(o + stride), W::load(o + stride + 1)));
+    if constexpr (GreenSite) {
+        const __m256i common = W::sub(W::times(c, 10), W::add(diagonals, diagonals));
+        const __m256i v = W::add(W::sub(common, W::add(vertical2, vertical2)), W::add(horizontal2, W::times(vertical1, 8)));
+        const __m256i h = W::add(W::sub(common, W::add(horizontal2, horizontal2)), W::add(vertical2, W::times(horizontal1, 8)));
+        first = W::template shr<4>(h);
+        second = W::template shr<4>(v);
+    } else {
+        const __m256i far = W::add(vertical2, horizontal2);
+        const __m256i near = W::add(vertical1, horizontal1);
+        const __m256i green = W::add(W::sub(W::times(c, 4), far), W::add(near, near));
+        const __m256i cross = W::add(W::sub(W::times(c, 12), W::times(far, 3)), W::times(diagonals, 4));
+        first = W::template shr<3>(green);
+        second = W::template shr<4>(cross);
+    }
+}
+
+template <typename T, BayerSiteKind Kind>
+__attribute__((target("avx2"))) void wideColumns(const BayerTBBTask<T>& task) {
+    using W = Wide<T>;
+    constexpr bool greenSite = Kind == GreenOnRedRow || Kind == GreenOnBlueRow;
+    constexpr std::uint64_t step = 2 * W::lanes;
+    const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
+    const bool evenSites = task.firstRow == 2;
+    const T* same = evenSites ? task.padded.even : task.padded.odd;
+    const T* other = evenSites ? task.padded.odd : task.padded.even;
+    const std::uint64_t above = evenSites ? 0 : 1;
+    const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
+    const __m256i upper = W::bound(task.upper);
+    std::uint64_t out = 0;
+    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += sites) {
+        const T* column = same + p * stride + 1;
+        const T* otherRow = other + p * stride + above;
+        for (std::uint64_t i = 0; i < sites; i += step) {
+            __m256i a0, b0, a1, b1;
+            wideSites<T, greenSite>(column + i, otherRow + i, stride, a0, b0);
+            wideSites<T, greenSite>(column + i + W::lanes, otherRow + i + W::lanes, stride, a1, b1);
+            const __m256i first = W::narrow(a0, a1, upper), second = W::narrow(b0, b1, upper);
+            const __m256i own = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(column + i));
+            __m256i planes[3];
+            if constexpr (greenSite) {
+                planes[0] = Kind == GreenOnRedRow ? first : second;
+                planes[1] = own;
+                planes[2] = Kind == GreenOnRedRow ? second : first;
+            } else {
+                planes[0] = Kind == Red ? own : second;
+                planes[1] = first;
+                planes[2] = Kind == Red ? second : own;
+            }
+            if (sites - i >= step) {
+                for (int plane = 0; plane < 3; ++plane)
+                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(task.planes[plane] + out + i), planes[plane]);
+            } else {
+                // The last vector of a column may be short.
+                for (int plane = 0; plane < 3; ++plane)
+                    std::memcpy(task.planes[plane] + out + i, &planes[plane], (sites - i) * sizeof(T));
+            }
+        }
+    }
+}
+
+template <typename T>
+void runWideTask(const BayerTBBTask<T>& task) {
+    switch (task.kind) {
+        case GreenOnRedRow: wideColumns<T, GreenOnRedRow>(task); break;
+        case GreenOnBlueRow: wideColumns<T, GreenOnBlueRow>(task); break;
+        case Red: wideColumns<T, Red>(task); break;
+        case Blue: wideColumns<T, Blue>(task); break;
+    }
+}
+
+#endif
+
+template <typename T>
+void runAnyTask(const BayerTBBTask<T>& task) {
+#if defined(__x86_64__)
+    if (wideKernelsAvailable()) {
+        runWideTask(task);
+        return;
+    }
+#endif
+    runTask(task);
+}
 
 }  // namespace
 
 template <typename T>
 void BayerTBBTask<T>::operator()() const {
     takeOver(padded.even);
-    if constexpr (sizeof(T) == 1) runTask8(*this);
-    else runTask16(*this);
+    runAnyTask(*this);
     handOver(padded.even);
 }
 
@@ -285,8 +454,8 @@ void interleave(const T* evenRows, const T* oddRows, T* out, std::uint64_t heigh
     if (height % 2 == 1) out[height - 1] = evenRows[height / 2];
 }
 
-template <typename T>
-void demosaic(const T* mosaic, T* red, T* green, T* blue, std::pair<std::uint32_t, std::uint32_t> dims,
+template <typename T, typename MakePadded>
+void demosaic(MakePadded makePadded, T* red, T* green, T* blue, std::pair<std::uint32_t, std::uint32_t> dims,
               std::uint32_t alignment, std::uint32_t bits, int sampleBits) {
     // The four site kinds at padded (2,2), (2,3), (3,2), (3,3) for each pattern.
     static constexpr BayerSiteKind layouts[5][4] = {
@@ -306,9 +475,7 @@ void demosaic(const T* mosaic, T* red, T* green, T* blue, std::pair<std::uint32_
     const int shift = std::clamp(sampleBits - static_cast<int>(std::min<std::uint32_t>(bits, 64)), 0, sampleBits);
     const std::int32_t upper = ((std::int32_t{1} << sampleBits) - 1) >> shift;
 
-    const std::uint64_t stride = parityStride<T>(height);
-    T* storage = paddedCopy(mosaic, height, width, stride);
-    const PaddedMosaic<T> padded{storage, storage + stride * (width + 4), stride};
+    const PaddedMosaic<T> padded = makePadded(height, width);
     // Sites per column for even and odd rows, columns per parity.
     const std::uint64_t evenSites = (height + 1) / 2, oddSites = height / 2;
     const std::uint64_t evenColumns = (width + 1) / 2, oddColumns = width / 2;
@@ -356,13 +523,29 @@ void demosaic(const T* mosaic, T* red, T* green, T* blue, std::pair<std::uint32_
 void demosaic8(const std::uint8_t* mosaic, std::uint8_t* red, std::uint8_t* green, std::uint8_t* blue,
                std::uint64_t, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
                std::uint32_t bits) {
-    demosaic(mosaic, red, green, blue, dims, alignment, bits, 8);
+    const auto padded = [&](std::uint64_t h, std::uint64_t w) { return paddedFromColumns(mosaic, h, w); };
+    demosaic(padded, red, green, blue, dims, alignment, bits, 8);
 }
 
 void demosaic16(const std::uint16_t* mosaic, std::uint16_t* red, std::uint16_t* green, std::uint16_t* blue,
                 std::uint64_t, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
                 std::uint32_t bits) {
-    demosaic(mosaic, red, green, blue, dims, alignment, bits, 16);
+    const auto padded = [&](std::uint64_t h, std::uint64_t w) { return paddedFromColumns(mosaic, h, w); };
+    demosaic(padded, red, green, blue, dims, alignment, bits, 16);
+}
+
+void demosaicRows8(const std::uint8_t* rows, std::uint64_t rowSamples, std::uint8_t* red, std::uint8_t* green,
+                   std::uint8_t* blue, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
+                   std::uint32_t bits) {
+    const auto padded = [&](std::uint64_t h, std::uint64_t w) { return paddedFromRows(rows, rowSamples, h, w); };
+    demosaic(padded, red, green, blue, dims, alignment, bits, 8);
+}
+
+void demosaicRows16(const std::uint16_t* rows, std::uint64_t rowSamples, std::uint16_t* red, std::uint16_t* green,
+                    std::uint16_t* blue, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
+                    std::uint32_t bits) {
+    const auto padded = [&](std::uint64_t h, std::uint64_t w) { return paddedFromRows(rows, rowSamples, h, w); };
+    demosaic(padded, red, green, blue, dims, alignment, bits, 16);
 }
 
 template struct BayerTBBTask<std::uint8_t>;

@@ -55,5 +55,14 @@ void demosaic16(const std::uint16_t* mosaic, std::uint16_t* red, std::uint16_t* 
                 std::uint64_t pixels, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
                 std::uint32_t bits);
 
+// The same from a row-major, top-down mosaic whose rows start rowSamples samples apart, as a
+// frame buffer holds it: the padded copy is then transposed straight from the rows.
+void demosaicRows8(const std::uint8_t* rows, std::uint64_t rowSamples, std::uint8_t* red, std::uint8_t* green,
+                   std::uint8_t* blue, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
+                   std::uint32_t bits);
+void demosaicRows16(const std::uint16_t* rows, std::uint64_t rowSamples, std::uint16_t* red, std::uint16_t* green,
+                    std::uint16_t* blue, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
+                    std::uint32_t bits);
+
 }  // namespace BayerUtil
 }  // namespace lumoframekit

@@ -112,6 +112,15 @@ bool shuffleKernelsAvailable() {
 #endif
 }
 
+bool wideKernelsAvailable() {
+#if defined(__x86_64__)
+    static const bool present = __builtin_cpu_supports("avx2");
+    return present && vectorKernelsEnabled();
+#else
+    return false;
+#endif
+}
+
 template <int N>
 void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
                       std::size_t rows, std::size_t cols, bool flipRows, SampleOp op) {

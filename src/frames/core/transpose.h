@@ -22,5 +22,7 @@ void setVectorKernelsEnabled(bool enabled);
 
 // Whether the byte-shuffle kernels may run: enabled, and the processor has SSSE3.
 bool shuffleKernelsAvailable();
+// Whether the 256-bit kernels may run: enabled, and the processor has AVX2.
+bool wideKernelsAvailable();
 
 }  // namespace lumoframekit
