@@ -94,13 +94,15 @@ std::vector<T> run(const std::vector<T>& mosaic, int width, int height, std::uin
 // short tails, or both.
 TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
     std::mt19937 rng(5);
-    for (bool vectors : {true, false}) {
-    setVectorKernelsEnabled(vectors);
+    // 0 every kernel the processor has, 1 none wider than 256 bits, 2 the portable ones.
+    for (int kernels : {0, 1, 2}) {
+    setWidestKernelsEnabled(kernels == 0);
+    setVectorKernelsEnabled(kernels != 2);
     for (std::uint32_t bits : {8u, 10u, 12u, 14u, 16u}) {
         for (auto [w, h] : {std::pair{3, 3}, {4, 4}, {5, 3}, {3, 6}, {8, 7}, {17, 12}, {70, 67}, {37, 130}}) {
             for (std::uint32_t alignment : {0u, 1u, 2u, 4u}) {
                 SCOPED_TRACE(::testing::Message() << bits << " bits " << w << "x" << h << " alignment " << alignment
-                                                  << (vectors ? " vector" : " portable"));
+                                                  << " kernels " << kernels);
                 if (bits == 8) {
                     std::vector<std::uint8_t> mosaic(static_cast<std::size_t>(w) * h);
                     for (auto& v : mosaic) v = static_cast<std::uint8_t>(rng());
@@ -122,6 +124,7 @@ TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
     }
     }
     setVectorKernelsEnabled(true);
+    setWidestKernelsEnabled(true);
 }
 
 TEST(Demosaic, UniformMosaicGivesItsValueEverywhere) {

@@ -1,5 +1,6 @@
 #include "frames/bayer/bayer_util.h"
 #include "frames/core/transpose.h"
+#include "frames/core/vector_transpose.h"
 
 #include <oneapi/tbb/task_group.h>
 
@@ -24,6 +25,9 @@
 
 // The vector helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
 #pragma GCC diagnostic ignored "-Wpsabi"
+// GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
+// its own flow analysis then reports as maybe uninitialised.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
 namespace lumoframekit {
 namespace BayerUtil {
@@ -108,24 +112,72 @@ void interleavePairs(const T* even, const T* odd, T* out, std::uint64_t pairs) {
     }
 }
 
-// Rows of the padded columns kept per parity, with room for a vector read past the last column.
+constexpr std::uint64_t lineBytes = 64;
+
+// Rows of the padded columns kept per parity, with room for a vector read past the last column,
+// rounded up to whole cache lines.
 template <typename T>
 std::uint64_t parityStride(std::uint64_t height) {
-    return (height + 4 + 1) / 2;
+    constexpr std::uint64_t perLine = lineBytes / sizeof(T);
+    return ((height + 4 + 1) / 2 + perLine - 1) / perLine * perLine;
 }
 
 // Working memory of the demosaics run on one thread, kept between calls: a stream of frames then
-// reuses the same pages instead of faulting fresh ones in for every image.
+// reuses the same pages instead of faulting fresh ones in for every image. The count elements
+// returned start one element before a cache line.
 template <typename T>
 T* workspace(std::uint64_t count, int which) {
+    constexpr std::uint64_t perLine = lineBytes / sizeof(T);
     thread_local std::vector<T> spaces[2];
     std::vector<T>& space = spaces[which];
-    if (space.size() < count) {
+    if (space.size() < count + perLine) {
         space.clear();
         space.shrink_to_fit();
-        space.resize(count);
+        space.resize(count + perLine);
     }
-    return space.data();
+    const auto address = reinterpret_cast<std::uintptr_t>(space.data() + 1);
+    const std::uint64_t skip = (lineBytes - address % lineBytes) % lineBytes / sizeof(T);
+    return space.data() + skip;
+}
+
+// Transposes rows x cols samples of a row-major image (rows srcRowBytes apart) into columns
+// stride samples apart, as transposeSamples does. The padded copy is read by the tasks on other
+// threads, whose cached copies each store would otherwise first have to invalidate: where the
+// columns start on cache lines, whole lines are streamed to memory instead.
+template <typename T>
+void transposeIntoLines(const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
+                        std::uint64_t rows, std::uint64_t cols) {
+    std::uint64_t fullRows = 0, fullCols = cols;
+#if defined(__SSE2__)
+    constexpr std::uint64_t V = 16 / sizeof(T), L = lineBytes / sizeof(T);  // samples per vector, per line
+    if (vectorKernelsEnabled() && reinterpret_cast<std::uintptr_t>(dst) % lineBytes == 0 && stride % L == 0) {
+        fullRows = rows / L * L;
+        fullCols = cols / V * V;
+        for (std::uint64_t r0 = 0; r0 < fullRows; r0 += L)
+            for (std::uint64_t c0 = 0; c0 < fullCols; c0 += V) {
+                __m128i lines[L / V][V];  // [part of the line][column]
+                for (std::uint64_t part = 0; part < L / V; ++part) {
+                    for (std::uint64_t i = 0; i < V; ++i)
+                        lines[part][i] = _mm_loadu_si128(
+                            reinterpret_cast<const __m128i*>(src + (r0 + part * V + i) * srcRowBytes + c0 * sizeof(T)));
+                    transposeVectors<sizeof(T)>(lines[part]);
+                }
+                for (std::uint64_t k = 0; k < V; ++k) {
+                    auto* line = reinterpret_cast<__m128i*>(dst + (c0 + k) * stride + r0);
+                    for (std::uint64_t part = 0; part < L / V; ++part) _mm_stream_si128(line + part, lines[part][k]);
+                }
+            }
+        _mm_sfence();
+    }
+#endif
+    auto* out = reinterpret_cast<std::uint8_t*>(dst);
+    // The rows below the whole lines, then the columns right of the whole vectors.
+    if (rows > fullRows)
+        transposeSamples<sizeof(T)>(src + fullRows * srcRowBytes, srcRowBytes, out + fullRows * sizeof(T), stride,
+                                    rows - fullRows, cols, false, SampleOp::Copy);
+    if (cols > fullCols && fullRows > 0)
+        transposeSamples<sizeof(T)>(src + fullCols * sizeof(T), srcRowBytes, out + fullCols * stride * sizeof(T), stride,
+                                    fullRows, cols - fullCols, false, SampleOp::Copy);
 }
 
 // Padded rows 0, 1, height + 2 and height + 3 of one padded column, reflected from the image
@@ -191,11 +243,8 @@ PaddedMosaic<T> paddedFromRows(const T* rows, std::uint64_t rowSamples, std::uin
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(rows);
         const std::size_t rowBytes = rowSamples * sizeof(T);
         const std::uint64_t evenRows = (height + 1) / 2, oddRows = height / 2;
-        transposeSamples<sizeof(T)>(bytes, 2 * rowBytes, reinterpret_cast<std::uint8_t*>(even + 2 * stride + 1), stride,
-                                    evenRows, width, false, SampleOp::Copy);
-        if (oddRows > 0)
-            transposeSamples<sizeof(T)>(bytes + rowBytes, 2 * rowBytes, reinterpret_cast<std::uint8_t*>(odd + 2 * stride + 1),
-                                        stride, oddRows, width, false, SampleOp::Copy);
+        transposeIntoLines(bytes, 2 * rowBytes, even + 2 * stride + 1, stride, evenRows, width);
+        transposeIntoLines(bytes + rowBytes, 2 * rowBytes, odd + 2 * stride + 1, stride, oddRows, width);
     });
 }
 
@@ -406,6 +455,124 @@ __attribute__((target("avx2"))) void wideColumns(const BayerTBBTask<T>& task) {
     }
 }
 
+// The same on 512-bit vectors, for processors with AVX-512 BW: one vector of wide lanes per step,
+// narrowed into a 256-bit vector of samples.
+#define LUMO_AVX512 __attribute__((target("avx512f,avx512bw"), always_inline)) inline
+
+template <typename T>
+struct Widest;
+
+template <>
+struct Widest<std::uint8_t> {
+    static constexpr std::uint64_t lanes = 32;
+    LUMO_AVX512 static __m512i load(const std::uint8_t* at) {
+return _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(at)));
+    }
+    LUMO_AVX512 static __m512i add(__m512i a, __m512i b) { return _mm512_add_epi16(a, b); }
+    LUMO_AVX512 static __m512i sub(__m512i a, __m512i b) { return _mm512_sub_epi16(a, b); }
+    LUMO_AVX512 static __m512i times(__m512i a, int k) { return _mm512_mullo_epi16(a, _mm512_set1_epi16(static_cast<short>(k))); }
+    template <int Bits>
+    LUMO_AVX512 static __m512i shr(__m512i a) { return _mm512_srai_epi16(a, Bits); }
+    LUMO_AVX512 static __m512i bound(std::int32_t upper) { return _mm512_set1_epi16(static_cast<short>(upper)); }
+    LUMO_AVX512 static __m256i narrow(__m512i a, __m512i upper) {
+        return _mm512_cvtepi16_epi8(_mm512_min_epi16(_mm512_max_epi16(a, _mm512_setzero_si512()), upper));
+    }
+};
+
+template <>
+struct Widest<std::uint16_t> {
+    static constexpr std::uint64_t lanes = 16;
+    LUMO_AVX512 static __m512i load(const std::uint16_t* at) {
+        return _mm512_cvtepu16_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(at)));
+    }
+    LUMO_AVX512 static __m512i add(__m512i a, __m512i b) { return _mm512_add_epi32(a, b); }
+    LUMO_AVX512 static __m512i sub(__m512i a, __m512i b) { return _mm512_sub_epi32(a, b); }
+    LUMO_AVX512 static __m512i times(__m512i a, int k) { return _mm512_mullo_epi32(a, _mm512_set1_epi32(k)); }
+    template <int Bits>
+    LUMO_AVX512 static __m512i shr(__m512i a) { return _mm512_srai_epi32(a, Bits); }
+    LUMO_AVX512 static __m512i bound(std::int32_t upper) { return _mm512_set1_epi32(upper); }
+    LUMO_AVX512 static __m256i narrow(__m512i a, __m512i upper) {
+        return _mm512_cvtepi32_epi16(_mm512_min_epi32(_mm512_max_epi32(a, _mm512_setzero_si512()), upper));
+    }
+};
+
+template <typename T, bool GreenSite>
+LUMO_AVX512 void widestSites(const T* s, const T* o, std::uint64_t stride, __m512i& first, __m512i& second) {
+    using W = Widest<T>;
+    const __m512i c = W::load(s);
+    const __m512i vertical2 = W::add(W::load(s - 1), W::load(s + 1));
+    const __m512i horizontal2 = W::add(W::load(s - 2 * stride), W::load(s + 2 * stride));
+    const __m512i vertical1 = W::add(W::load(o), W::load(o + 1));
+    const __m512i horizontal1 = W::add(W::load(s - stride), W::load(s + stride));
+    const __m512i diagonals = W::add(W::add(W::load(o - stride), W::load(o - stride + 1)),
+                                     W::add(W::load(o + stride), W::load(o + stride + 1)));
+    if constexpr (GreenSite) {
+        const __m512i common = W::sub(W::times(c, 10), W::add(diagonals, diagonals));
+        const __m512i v = W::add(W::sub(common, W::add(vertical2, vertical2)), W::add(horizontal2, W::times(vertical1, 8)));
+        const __m512i h = W::add(W::sub(common, W::add(horizontal2, horizontal2)), W::add(vertical2, W::times(horizontal1, 8)));
+        first = W::template shr<4>(h);
+        second = W::template shr<4>(v);
+    } else {
+        const __m512i far = W::add(vertical2, horizontal2);
+        const __m512i near = W::add(vertical1, horizontal1);
+        const __m512i green = W::add(W::sub(W::times(c, 4), far), W::add(near, near));
+        const __m512i cross = W::add(W::sub(W::times(c, 12), W::times(far, 3)), W::times(diagonals, 4));
+        first = W::template shr<3>(green);
+        second = W::template shr<4>(cross);
+    }
+}
+
+template <typename T, BayerSiteKind Kind>
+__attribute__((target("avx512f,avx512bw"))) void widestColumns(const BayerTBBTask<T>& task) {
+    using W = Widest<T>;
+    constexpr bool greenSite = Kind == GreenOnRedRow || Kind == GreenOnBlueRow;
+    const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
+    const bool evenSites = task.firstRow == 2;
+    const T* same = evenSites ? task.padded.even : task.padded.odd;
+    const T* other = evenSites ? task.padded.odd : task.padded.even;
+    const std::uint64_t above = evenSites ? 0 : 1;
+    const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
+    const __m512i upper = W::bound(task.upper);
+    std::uint64_t out = 0;
+    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += sites) {
+        const T* column = same + p * stride + 1;
+        const T* otherRow = other + p * stride + above;
+        for (std::uint64_t i = 0; i < sites; i += W::lanes) {
+            __m512i first, second;
+            widestSites<T, greenSite>(column + i, otherRow + i, stride, first, second);
+            const __m256i firsts = W::narrow(first, upper), seconds = W::narrow(second, upper);
+            const __m256i owns = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(column + i));
+            __m256i planes[3];
+            if constexpr (greenSite) {
+                planes[0] = Kind == GreenOnRedRow ? firsts : seconds;
+                planes[1] = owns;
+                planes[2] = Kind == GreenOnRedRow ? seconds : firsts;
+            } else {
+                planes[0] = Kind == Red ? owns : seconds;
+                planes[1] = firsts;
+                planes[2] = Kind == Red ? seconds : owns;
+            }
+            if (sites - i >= W::lanes) {
+                for (int plane = 0; plane < 3; ++plane)
+                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(task.planes[plane] + out + i), planes[plane]);
+            } else {
+                for (int plane = 0; plane < 3; ++plane)
+                    std::memcpy(task.planes[plane] + out + i, &planes[plane], (sites - i) * sizeof(T));
+            }
+        }
+    }
+}
+
+template <typename T>
+void runWidestTask(const BayerTBBTask<T>& task) {
+    switch (task.kind) {
+        case GreenOnRedRow: widestColumns<T, GreenOnRedRow>(task); break;
+        case GreenOnBlueRow: widestColumns<T, GreenOnBlueRow>(task); break;
+        case Red: widestColumns<T, Red>(task); break;
+        case Blue: widestColumns<T, Blue>(task); break;
+    }
+}
+
 template <typename T>
 void runWideTask(const BayerTBBTask<T>& task) {
     switch (task.kind) {
@@ -421,6 +588,10 @@ void runWideTask(const BayerTBBTask<T>& task) {
 template <typename T>
 void runAnyTask(const BayerTBBTask<T>& task) {
 #if defined(__x86_64__)
+    if (widestKernelsAvailable()) {
+        runWidestTask(task);
+        return;
+    }
     if (wideKernelsAvailable()) {
         runWideTask(task);
         return;
@@ -476,17 +647,16 @@ void demosaic(MakePadded makePadded, T* red, T* green, T* blue, std::pair<std::u
     const std::int32_t upper = ((std::int32_t{1} << sampleBits) - 1) >> shift;
 
     const PaddedMosaic<T> padded = makePadded(height, width);
+    T* const out[3] = {red, green, blue};
     // Sites per column for even and odd rows, columns per parity.
     const std::uint64_t evenSites = (height + 1) / 2, oddSites = height / 2;
     const std::uint64_t evenColumns = (width + 1) / 2, oddColumns = width / 2;
-    const std::uint64_t pixels = height * width;
-    T* siteStorage = workspace<T>(3 * pixels, 1);
     // Each task's three planes, in the order of the sites below: (row, column) parities
     // (0, 0), (0, 1), (1, 0), (1, 1).
     const std::uint64_t regionSizes[4] = {evenSites * evenColumns, evenSites * oddColumns, oddSites * evenColumns,
                                           oddSites * oddColumns};
     T* regions[4][3];
-    T* next = siteStorage;
+    T* next = workspace<T>(3 * height * width, 1);
     for (int plane = 0; plane < 3; ++plane)
         for (int t = 0; t < 4; ++t) {
             regions[t][plane] = next;
@@ -508,7 +678,6 @@ void demosaic(MakePadded makePadded, T* red, T* green, T* blue, std::pair<std::u
         group.wait();
         takeOver(padded.even);
     }
-    T* const out[3] = {red, green, blue};
     for (int plane = 0; plane < 3; ++plane)
         for (std::uint64_t x = 0; x < width; ++x) {
             const int parity = static_cast<int>(x & 1);

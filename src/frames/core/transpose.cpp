@@ -14,6 +14,7 @@ namespace lumoframekit {
 namespace {
 
 std::atomic<bool> vectorKernels{true};
+std::atomic<bool> widestKernels{true};
 
 template <int N>
 struct Unsigned;
@@ -111,6 +112,16 @@ bool shuffleKernelsAvailable() {
     return false;
 #endif
 }
+
+bool widestKernelsAvailable() {
+#if defined(__x86_64__)
+    static const bool present = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+    return present && vectorKernelsEnabled() && widestKernels.load(std::memory_order_relaxed);
+#else
+    return false;
+#endif
+}
+void setWidestKernelsEnabled(bool enabled) { widestKernels.store(enabled, std::memory_order_relaxed); }
 
 bool wideKernelsAvailable() {
 #if defined(__x86_64__)

@@ -24,5 +24,9 @@ void setVectorKernelsEnabled(bool enabled);
 bool shuffleKernelsAvailable();
 // Whether the 256-bit kernels may run: enabled, and the processor has AVX2.
 bool wideKernelsAvailable();
+// Whether the 512-bit kernels may run: enabled both here and as vector kernels, and the processor
+// has AVX-512 BW. Tests switch them off to check the 256-bit kernels where both exist.
+bool widestKernelsAvailable();
+void setWidestKernelsEnabled(bool enabled);
 
 }  // namespace lumoframekit
