@@ -124,7 +124,7 @@ std::uint64_t parityStride(std::uint64_t height) {
 
 // Working memory of the demosaics run on one thread, kept between calls: a stream of frames then
 // reuses the same pages instead of faulting fresh ones in for every image. The count elements
-// returned start one element before a cache line.
+// returned start on a cache line.
 template <typename T>
 T* workspace(std::uint64_t count, int which) {
     constexpr std::uint64_t perLine = lineBytes / sizeof(T);
@@ -135,7 +135,7 @@ T* workspace(std::uint64_t count, int which) {
         space.shrink_to_fit();
         space.resize(count + perLine);
     }
-    const auto address = reinterpret_cast<std::uintptr_t>(space.data() + 1);
+    const auto address = reinterpret_cast<std::uintptr_t>(space.data());
     const std::uint64_t skip = (lineBytes - address % lineBytes) % lineBytes / sizeof(T);
     return space.data() + skip;
 }
@@ -180,39 +180,44 @@ void transposeIntoLines(const std::uint8_t* src, std::size_t srcRowBytes, T* dst
                                     fullRows, cols - fullCols, false, SampleOp::Copy);
 }
 
-// Padded rows 0, 1, height + 2 and height + 3 of one padded column, reflected from the image
-// rows the column already holds; the spare element at the end of each half is zeroed.
-template <typename T>
-void padColumnEnds(T* even, T* odd, std::uint64_t height, std::uint64_t stride) {
-    const auto n = static_cast<std::int64_t>(height);
-    const auto row = [&](std::uint64_t q) {  // padded row q, from inside the image
-        const std::uint64_t inside = reflected(static_cast<std::int64_t>(q), n) + 2;
-        return inside % 2 == 0 ? even[inside / 2] : odd[inside / 2];
-    };
-    const T top0 = row(0), top1 = row(1), below0 = row(height + 2), below1 = row(height + 3);
-    odd[stride - 1] = even[stride - 1] = 0;
-    even[0] = top0;
-    odd[0] = top1;
-    T* const halves[2] = {even, odd};
-    halves[height % 2][(height + 2) / 2] = below0;
-    halves[(height + 1) % 2][(height + 3) / 2] = below1;
+// The padded rows above and below the image: padded row q lies in half q % 2 at index q / 2.
+constexpr std::uint64_t borderRows(std::uint64_t height, int which) {
+    return which < 2 ? static_cast<std::uint64_t>(which) : height + static_cast<std::uint64_t>(which);
 }
 
-// The padded mosaic in working memory, its interior written by fill(even, odd) (image row y,
-// column x at padded row y + 2, column x + 2); the borders are reflected from it here.
+// Padded rows 0, 1, height + 2 and height + 3 of one padded column, reflected from the image
+// rows the column already holds.
+template <typename T>
+void padColumnEnds(T* even, T* odd, std::uint64_t height) {
+    T* const halves[2] = {even, odd};
+    T values[4];
+    for (int which = 0; which < 4; ++which) {
+        const std::uint64_t inside = reflected(static_cast<std::int64_t>(borderRows(height, which)),
+                                               static_cast<std::int64_t>(height)) + 2;
+        values[which] = halves[inside % 2][inside / 2];
+    }
+    for (int which = 0; which < 4; ++which) {
+        const std::uint64_t q = borderRows(height, which);
+        halves[q % 2][q / 2] = values[which];
+    }
+}
+
+// The padded mosaic in working memory. fill(even, odd, stride) writes padded columns 2 to
+// width + 1, rows 0 to height + 3 (image row y, column x at padded row y + 2, column x + 2); the
+// columns either side are reflected from them here.
 template <typename T, typename Fill>
 PaddedMosaic<T> paddedMosaic(std::uint64_t height, std::uint64_t width, Fill fill) {
     constexpr std::uint64_t slack = 64;
     const std::uint64_t stride = parityStride<T>(height);
     const std::uint64_t half = stride * (width + 4);
-    T* padded = workspace<T>(2 * half + slack, 0);
+    // Each column's rows from padded row 2 on start on a cache line.
+    T* padded = workspace<T>(2 * half + slack + lineBytes / sizeof(T), 0) + lineBytes / sizeof(T) - 1;
     // Vector reads run past a column's last site into the next column or this slack: never into
     // memory that was not written.
     std::fill(padded + 2 * half, padded + 2 * half + slack, T{0});
     T* even = padded;
     T* odd = padded + half;
     fill(even, odd, stride);
-    for (std::uint64_t p = 2; p < width + 2; ++p) padColumnEnds(even + p * stride, odd + p * stride, height, stride);
     for (std::uint64_t p : {std::uint64_t{0}, std::uint64_t{1}, width + 2, width + 3}) {
         const std::uint64_t from = reflected(static_cast<std::int64_t>(p), static_cast<std::int64_t>(width)) + 2;
         std::memcpy(even + p * stride, even + from * stride, stride * sizeof(T));
@@ -231,6 +236,7 @@ PaddedMosaic<T> paddedFromColumns(const T* mosaic, std::uint64_t height, std::ui
             T* o = odd + (x + 2) * stride + 1;
             deinterleave(source, e, o, height / 2);
             if (height % 2 == 1) e[height / 2] = source[height - 1];
+            padColumnEnds(e - 1, o - 1, height);
         }
     });
 }
@@ -245,6 +251,15 @@ PaddedMosaic<T> paddedFromRows(const T* rows, std::uint64_t rowSamples, std::uin
         const std::uint64_t evenRows = (height + 1) / 2, oddRows = height / 2;
         transposeIntoLines(bytes, 2 * rowBytes, even + 2 * stride + 1, stride, evenRows, width);
         transposeIntoLines(bytes + rowBytes, 2 * rowBytes, odd + 2 * stride + 1, stride, oddRows, width);
+        // The rows above and below, from the source rows they reflect: the streamed lines are not
+        // read back.
+        T* const halves[2] = {even, odd};
+        for (int which = 0; which < 4; ++which) {
+            const std::uint64_t q = borderRows(height, which);
+            const T* source = rows + reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height)) * rowSamples;
+            T* at = halves[q % 2] + 2 * stride + q / 2;
+            for (std::uint64_t x = 0; x < width; ++x) at[x * stride] = source[x];
+        }
     });
 }
 
@@ -274,68 +289,57 @@ struct Lanes {
     }
 };
 
+// Where a task's two computed values go: the planes of the first (horizontal chroma at green
+// sites, green at red and blue ones) and of the second (vertical chroma; the diagonal chroma). A
+// site's own sample is not stored by its task: the planes take it from the padded copy.
+constexpr int planeOfFirst(BayerSiteKind kind) { return kind == GreenOnRedRow ? 0 : kind == GreenOnBlueRow ? 2 : 1; }
+constexpr int planeOfSecond(BayerSiteKind kind) { return kind == GreenOnRedRow || kind == Red ? 2 : 0; }
+
 // All sites of one kind in padded column p. `same` is the parity half holding the sites (site i
-// at index first + i), `other` the other half; `above` is 1 when the other half's row above a site
+// at index 1 + i), `other` the other half; `above` is 1 when the other half's row above a site
 // shares its index (odd sites) and 0 when it is one lower (even sites).
-template <typename T>
-LUMO_VECTOR_KERNEL inline void siteColumn(const BayerTBBTask<T>& task, const T* same, const T* other,
-                                                      std::uint64_t stride, std::uint64_t first, std::uint64_t above,
-                                                      std::uint64_t sites, std::uint64_t outIndex) {
+template <typename T, BayerSiteKind Kind>
+inline void siteColumn(const BayerTBBTask<T>& task, const T* same, const T* other, std::uint64_t above,
+                       std::uint64_t sites, std::uint64_t outIndex) {
     using L = Lanes<T>;
     using V = typename L::Vector;
+    const std::uint64_t stride = task.padded.stride;
     const auto wide = static_cast<typename L::Wide>(task.upper);
     for (std::uint64_t i = 0; i < sites; i += L::count) {
-        const std::uint64_t k = first + i;
-        const T* s = same + k;
-        const T* o = other + k - 1 + above;  // the other parity's row above
+        const T* s = same + 1 + i;
+        const T* o = other + i + above;  // the other parity's row above
         const V c = L::load(s), n2 = L::load(s - 1), s2 = L::load(s + 1);
         const V n1 = L::load(o), s1 = L::load(o + 1);
         const V w1 = L::load(s - stride), e1 = L::load(s + stride);
         const V w2 = L::load(s - 2 * stride), e2 = L::load(s + 2 * stride);
         const V diagonals = L::load(o - stride) + L::load(o - stride + 1) + L::load(o + stride) + L::load(o + stride + 1);
-        V r, g, b;
-        switch (task.kind) {
-            case GreenOnRedRow:
-            case GreenOnBlueRow: {
-                const V vertical = L::clamp(10 * c - 2 * diagonals - 2 * (n2 + s2) + (w2 + e2) + 8 * (n1 + s1), 4, wide);
-                const V horizontal = L::clamp(10 * c - 2 * diagonals - 2 * (w2 + e2) + (n2 + s2) + 8 * (w1 + e1), 4, wide);
-                g = c;
-                r = task.kind == GreenOnRedRow ? horizontal : vertical;
-                b = task.kind == GreenOnRedRow ? vertical : horizontal;
-                break;
-            }
-            default: {
-                const V green = L::clamp(4 * c - (n2 + s2 + w2 + e2) + 2 * (n1 + s1 + w1 + e1), 3, wide);
-                const V cross = L::clamp(12 * c - 3 * (n2 + s2 + w2 + e2) + 4 * diagonals, 4, wide);
-                g = green;
-                r = task.kind == Red ? c : cross;
-                b = task.kind == Red ? cross : c;
-            }
-        }
-        // The task's own column of sites, contiguous; the last vector of a column may be short.
-        const typename L::Narrow planes[3] = {__builtin_convertvector(r, typename L::Narrow),
-                                              __builtin_convertvector(g, typename L::Narrow),
-                                              __builtin_convertvector(b, typename L::Narrow)};
-        if (sites - i >= static_cast<std::uint64_t>(L::count)) {
-            for (int plane = 0; plane < 3; ++plane)
-                std::memcpy(task.planes[plane] + outIndex + i, &planes[plane], sizeof(typename L::Narrow));
+        V first, second;
+        if constexpr (Kind == GreenOnRedRow || Kind == GreenOnBlueRow) {
+            first = L::clamp(10 * c - 2 * diagonals - 2 * (w2 + e2) + (n2 + s2) + 8 * (w1 + e1), 4, wide);
+            second = L::clamp(10 * c - 2 * diagonals - 2 * (n2 + s2) + (w2 + e2) + 8 * (n1 + s1), 4, wide);
         } else {
-            const std::size_t bytes = (sites - i) * sizeof(T);
-            for (int plane = 0; plane < 3; ++plane) std::memcpy(task.planes[plane] + outIndex + i, &planes[plane], bytes);
+            first = L::clamp(4 * c - (n2 + s2 + w2 + e2) + 2 * (n1 + s1 + w1 + e1), 3, wide);
+            second = L::clamp(12 * c - 3 * (n2 + s2 + w2 + e2) + 4 * diagonals, 4, wide);
         }
+        // The last vector of a column may be short.
+        const std::size_t bytes = std::min<std::uint64_t>(sites - i, L::count) * sizeof(T);
+        const auto firsts = __builtin_convertvector(first, typename L::Narrow);
+        const auto seconds = __builtin_convertvector(second, typename L::Narrow);
+        std::memcpy(task.planes[planeOfFirst(Kind)] + outIndex + i, &firsts, bytes);
+        std::memcpy(task.planes[planeOfSecond(Kind)] + outIndex + i, &seconds, bytes);
     }
 }
 
-template <typename T>
-LUMO_VECTOR_KERNEL inline void runTask(const BayerTBBTask<T>& task) {
+template <typename T, BayerSiteKind Kind>
+void portableColumns(const BayerTBBTask<T>& task) {
     const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
     const bool evenSites = task.firstRow == 2;
     const T* same = evenSites ? task.padded.even : task.padded.odd;
     const T* other = evenSites ? task.padded.odd : task.padded.even;
     const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
-    std::uint64_t column = 0;
-    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, ++column)
-        siteColumn(task, same + p * stride, other + p * stride, stride, 1, evenSites ? 0 : 1, sites, column * sites);
+    std::uint64_t out = 0;
+    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += task.planeColumn)
+        siteColumn<T, Kind>(task, same + p * stride, other + p * stride, evenSites ? 0 : 1, sites, out);
 }
 
 #if defined(__x86_64__)
@@ -411,6 +415,13 @@ LUMO_AVX2 void wideSites(const T* s, const T* o, std::uint64_t stride, __m256i& 
     }
 }
 
+// The planes are read back by the calling thread once every task is done: streamed to memory, the
+// lines are not first claimed from another core's cache.
+template <typename T>
+__attribute__((target("avx2"), always_inline)) inline void storeVector(T* at, __m256i v) {
+    _mm256_stream_si256(reinterpret_cast<__m256i*>(at), v);
+}
+
 template <typename T, BayerSiteKind Kind>
 __attribute__((target("avx2"))) void wideColumns(const BayerTBBTask<T>& task) {
     using W = Wide<T>;
@@ -424,35 +435,19 @@ __attribute__((target("avx2"))) void wideColumns(const BayerTBBTask<T>& task) {
     const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
     const __m256i upper = W::bound(task.upper);
     std::uint64_t out = 0;
-    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += sites) {
+    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += task.planeColumn) {
         const T* column = same + p * stride + 1;
         const T* otherRow = other + p * stride + above;
         for (std::uint64_t i = 0; i < sites; i += step) {
             __m256i a0, b0, a1, b1;
             wideSites<T, greenSite>(column + i, otherRow + i, stride, a0, b0);
             wideSites<T, greenSite>(column + i + W::lanes, otherRow + i + W::lanes, stride, a1, b1);
-            const __m256i first = W::narrow(a0, a1, upper), second = W::narrow(b0, b1, upper);
-            const __m256i own = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(column + i));
-            __m256i planes[3];
-            if constexpr (greenSite) {
-                planes[0] = Kind == GreenOnRedRow ? first : second;
-                planes[1] = own;
-                planes[2] = Kind == GreenOnRedRow ? second : first;
-            } else {
-                planes[0] = Kind == Red ? own : second;
-                planes[1] = first;
-                planes[2] = Kind == Red ? second : own;
-            }
-            if (sites - i >= step) {
-                for (int plane = 0; plane < 3; ++plane)
-                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(task.planes[plane] + out + i), planes[plane]);
-            } else {
-                // The last vector of a column may be short.
-                for (int plane = 0; plane < 3; ++plane)
-                    std::memcpy(task.planes[plane] + out + i, &planes[plane], (sites - i) * sizeof(T));
-            }
+            // Whole vectors: the planes' columns are padded to whole cache lines.
+            storeVector(task.planes[planeOfFirst(Kind)] + out + i, W::narrow(a0, a1, upper));
+            storeVector(task.planes[planeOfSecond(Kind)] + out + i, W::narrow(b0, b1, upper));
         }
     }
+    _mm_sfence();  // the streamed stores are visible before the task reports done
 }
 
 // The same on 512-bit vectors, for processors with AVX-512 BW: one vector of wide lanes per step,
@@ -534,33 +529,17 @@ __attribute__((target("avx512f,avx512bw"))) void widestColumns(const BayerTBBTas
     const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
     const __m512i upper = W::bound(task.upper);
     std::uint64_t out = 0;
-    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += sites) {
+    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += task.planeColumn) {
         const T* column = same + p * stride + 1;
         const T* otherRow = other + p * stride + above;
         for (std::uint64_t i = 0; i < sites; i += W::lanes) {
             __m512i first, second;
             widestSites<T, greenSite>(column + i, otherRow + i, stride, first, second);
-            const __m256i firsts = W::narrow(first, upper), seconds = W::narrow(second, upper);
-            const __m256i owns = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(column + i));
-            __m256i planes[3];
-            if constexpr (greenSite) {
-                planes[0] = Kind == GreenOnRedRow ? firsts : seconds;
-                planes[1] = owns;
-                planes[2] = Kind == GreenOnRedRow ? seconds : firsts;
-            } else {
-                planes[0] = Kind == Red ? owns : seconds;
-                planes[1] = firsts;
-                planes[2] = Kind == Red ? seconds : owns;
-            }
-            if (sites - i >= W::lanes) {
-                for (int plane = 0; plane < 3; ++plane)
-                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(task.planes[plane] + out + i), planes[plane]);
-            } else {
-                for (int plane = 0; plane < 3; ++plane)
-                    std::memcpy(task.planes[plane] + out + i, &planes[plane], (sites - i) * sizeof(T));
-            }
+            storeVector(task.planes[planeOfFirst(Kind)] + out + i, W::narrow(first, upper));
+            storeVector(task.planes[planeOfSecond(Kind)] + out + i, W::narrow(second, upper));
         }
     }
+    _mm_sfence();  // the streamed stores are visible before the task reports done
 }
 
 template <typename T>
@@ -597,7 +576,12 @@ void runAnyTask(const BayerTBBTask<T>& task) {
         return;
     }
 #endif
-    runTask(task);
+    switch (task.kind) {
+        case GreenOnRedRow: portableColumns<T, GreenOnRedRow>(task); break;
+        case GreenOnBlueRow: portableColumns<T, GreenOnBlueRow>(task); break;
+        case Red: portableColumns<T, Red>(task); break;
+        case Blue: portableColumns<T, Blue>(task); break;
+    }
 }
 
 }  // namespace
@@ -647,43 +631,52 @@ void demosaic(MakePadded makePadded, T* red, T* green, T* blue, std::pair<std::u
     const std::int32_t upper = ((std::int32_t{1} << sampleBits) - 1) >> shift;
 
     const PaddedMosaic<T> padded = makePadded(height, width);
-    T* const out[3] = {red, green, blue};
-    // Sites per column for even and odd rows, columns per parity.
+    // Each task writes the two planes it computes, column by column, into storage of its own;
+    // once all have finished, the host planes interleave the rows of the two tasks sharing each
+    // column, taking the sites' own samples straight from the padded copy. Tasks thus never write
+    // the same cache lines. Columns of sites are padded to whole cache lines, so vector kernels
+    // store whole vectors.
+    constexpr std::uint64_t perLine = lineBytes / sizeof(T);
     const std::uint64_t evenSites = (height + 1) / 2, oddSites = height / 2;
-    const std::uint64_t evenColumns = (width + 1) / 2, oddColumns = width / 2;
-    // Each task's three planes, in the order of the sites below: (row, column) parities
-    // (0, 0), (0, 1), (1, 0), (1, 1).
-    const std::uint64_t regionSizes[4] = {evenSites * evenColumns, evenSites * oddColumns, oddSites * evenColumns,
-                                          oddSites * oddColumns};
-    T* regions[4][3];
-    T* next = workspace<T>(3 * height * width, 1);
-    for (int plane = 0; plane < 3; ++plane)
-        for (int t = 0; t < 4; ++t) {
+    const std::uint64_t columnOf[2] = {(evenSites + perLine - 1) / perLine * perLine,
+                                       (oddSites + perLine - 1) / perLine * perLine};
+    const std::uint64_t columns[2] = {(width + 1) / 2, width / 2};
+    T* regions[4][3] = {};
+    T* next = workspace<T>(2 * columnOf[0] * (columns[0] + columns[1]) + 2 * columnOf[1] * (columns[0] + columns[1]), 1);
+    const Site sites[4] = {{layouts[alignment][0], 2, 2},
+                           {layouts[alignment][1], 2, 3},
+                           {layouts[alignment][2], 3, 2},
+                           {layouts[alignment][3], 3, 3}};
+    for (int t = 0; t < 4; ++t) {
+        const std::uint64_t size = columnOf[t / 2] * columns[t % 2];
+        for (int plane : {planeOfFirst(sites[t].kind), planeOfSecond(sites[t].kind)}) {
             regions[t][plane] = next;
-            next += regionSizes[t];
+            next += size;
         }
+    }
     {
         oneapi::tbb::task_group group;
-        const Site sites[4] = {{layouts[alignment][0], 2, 2},
-                               {layouts[alignment][1], 2, 3},
-                               {layouts[alignment][2], 3, 2},
-                               {layouts[alignment][3], 3, 3}};
         for (int t = 0; t < 4; ++t) {
             const Site& site = sites[t];
             const BayerTBBTask<T> task{height, width, site.column, site.row, 0, upper,
-                                       {regions[t][0], regions[t][1], regions[t][2]}, padded, site.kind};
+                                       {regions[t][0], regions[t][1], regions[t][2]}, columnOf[t / 2], padded, site.kind};
             handOver(padded.even);
             group.run(task);
         }
         group.wait();
         takeOver(padded.even);
     }
+    T* const out[3] = {red, green, blue};
     for (int plane = 0; plane < 3; ++plane)
         for (std::uint64_t x = 0; x < width; ++x) {
             const int parity = static_cast<int>(x & 1);
-            const std::uint64_t column = x / 2;
-            interleave(regions[parity][plane] + column * evenSites, regions[2 + parity][plane] + column * oddSites,
-                       out[plane] + x * height, height);
+            const T* rows[2];
+            for (int rowParity = 0; rowParity < 2; ++rowParity) {
+                const T* computed = regions[2 * rowParity + parity][plane];
+                const T* own = (rowParity == 0 ? padded.even : padded.odd) + (x + 2) * padded.stride + 1;
+                rows[rowParity] = computed != nullptr ? computed + x / 2 * columnOf[rowParity] : own;
+            }
+            interleave(rows[0], rows[1], out[plane] + x * height, height);
         }
 }
 

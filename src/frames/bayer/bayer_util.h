@@ -37,7 +37,8 @@ struct BayerTBBTask {
     std::uint64_t firstRow;      // padded row of the first site (2 or 3)
     std::uint64_t firstIndex;    // output index of the first site
     std::int32_t upper;          // largest value a computed sample may take: the clamp bound truncated
-    T* planes[3];                // red, green, blue
+    T* planes[3];                // red, green, blue; the plane of the sites' own color is not written
+    std::uint64_t planeColumn;   // elements from one column of sites to the next in the planes
     PaddedMosaic<T> padded;
     BayerSiteKind kind;
 
