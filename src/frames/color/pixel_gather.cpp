@@ -1,6 +1,7 @@
 #include "frames/color/pixel_gather.h"
 
 #include <algorithm>
+#include <array>
 #include <vector>
 
 #if defined(__x86_64__)
@@ -23,72 +24,157 @@ void splitRowPortable(const std::uint8_t* row, std::size_t first, std::size_t wi
     }
 }
 
+#if defined(__SSE2__)
+
+// Blocks of 16 rows by 16 pixels: the block's bytes are transposed as if they were a monochrome
+// image, so that each transposed vector holds one byte position of the 16 rows. That position is
+// one sample of one pixel, a column piece of its plane ready to store; a shared chroma sample is
+// stored to both pixels' columns. Strips of 64 pixels are walked down the whole image, so the
+// columns' cache lines fill while they are still cached.
+void splitBlocksNarrow(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
+                       std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3],
+                       std::vector<std::size_t>& bands) {
+    constexpr std::size_t maxVectors = 4;  // up to 4 bytes per pixel
+    const std::size_t vectors = (block.blockBytes + 15) / 16;
+    const std::size_t fullRows = height / 16 * 16, fullWidth = width / 16 * 16;
+    constexpr std::size_t stripPixels = 64;
+    auto rowAt = [&](std::size_t y) { return src + (flipRows ? height - 1 - y : y) * stride; };
+    for (std::size_t s0 = 0; s0 < fullWidth; s0 += stripPixels) {
+        const std::size_t s1 = std::min(s0 + stripPixels, fullWidth);
+        for (std::size_t r0 = 0; r0 < fullRows; r0 += 16) {
+            const std::uint8_t* rows[16];
+            const std::uint8_t* furthest = nullptr;
+            for (std::size_t i = 0; i < 16; ++i) {
+                rows[i] = rowAt(r0 + i);
+                furthest = std::max(furthest, rows[i]);
+            }
+            for (std::size_t x0 = s0; x0 < s1; x0 += 16) {
+                const std::size_t at = x0 / 16 * block.blockBytes;
+                if (furthest > end || static_cast<std::size_t>(end - furthest) < at + 16 * vectors) break;
+                __m128i v[maxVectors][16];
+                for (std::size_t k = 0; k < vectors; ++k) {
+                    for (std::size_t i = 0; i < 16; ++i)
+                        v[k][i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows[i] + at + 16 * k));
+                    transposeVectors<1>(v[k]);
+                }
+                for (int c = 0; c < 3; ++c)
+                    for (std::size_t i = 0; i < 16; ++i) {
+                        const std::uint8_t b = block.byteOf[c][i];
+                        _mm_storeu_si128(reinterpret_cast<__m128i*>(planes[c] + (x0 + i) * height + r0), v[b / 16][b % 16]);
+                    }
+                ++bands[x0 / 16];
+            }
+        }
+    }
+}
+#endif
+
 #if defined(__x86_64__)
 
-// Byte shuffles that pick plane c's 16 samples out of the k-th 16 bytes of a block.
-struct Shuffles {
-    __m128i pick[3][4];
-    int vectors;
-};
-
-__attribute__((target("ssse3"))) Shuffles shufflesFor(const PixelBlock& block) {
-    Shuffles s{};
-    s.vectors = static_cast<int>((block.blockBytes + 15) / 16);
+// The same on 256-bit vectors (AVX2): a vector holds two 16-byte chunks of a row, which the
+// transpose keeps apart in its two halves, so a block is 32 pixels wide and each transposed vector
+// gives two column pieces. Vectors is the number of 32-byte vectors a block's row spans.
+template <std::size_t Vectors>
+__attribute__((target("avx2"))) void splitBlocksWide(const std::uint8_t* src, std::size_t stride,
+                                                     const std::uint8_t* end, std::size_t width, std::size_t height,
+                                                     bool flipRows, const PixelBlock& block,
+                                                     std::uint8_t* const planes[3], std::vector<std::size_t>& bands) {
+    const std::size_t fullRows = height / 16 * 16, fullWidth = width / 32 * 32;
+    constexpr std::size_t stripPixels = 32;
+    // The column pieces each byte position of the block's row becomes: none (a pad byte), one, or
+    // up to four (a chroma sample shared by the pixels of a macro-pixel). offset is the pixel's
+    // column start in its plane.
+    struct Destination {
+        int count;
+        int plane[4];
+        std::size_t offset[4];
+    };
+    Destination to[32 * Vectors] = {};
     for (int c = 0; c < 3; ++c)
-        for (int k = 0; k < s.vectors; ++k) {
-            alignas(16) std::int8_t lanes[16];
-            for (int i = 0; i < 16; ++i) {
-                const int at = block.byteOf[c][i] - 16 * k;
-                lanes[i] = at >= 0 && at < 16 ? static_cast<std::int8_t>(at) : static_cast<std::int8_t>(-128);
-            }
-            s.pick[c][k] = _mm_load_si128(reinterpret_cast<const __m128i*>(lanes));
+        for (std::size_t i = 0; i < 32; ++i) {
+            Destination& d = to[i / 16 * block.blockBytes + block.byteOf[c][i % 16]];
+            if (d.count == 4) continue;  // wider sharing never reaches here (see splitBlocks)
+            d.plane[d.count] = c;
+            d.offset[d.count++] = i * height;
         }
-    return s;
+    auto rowAt = [&](std::size_t y) { return src + (flipRows ? height - 1 - y : y) * stride; };
+    for (std::size_t s0 = 0; s0 < fullWidth; s0 += stripPixels) {
+        const std::size_t s1 = std::min(s0 + stripPixels, fullWidth);
+        for (std::size_t r0 = 0; r0 < fullRows; r0 += 16) {
+            const std::uint8_t* rows[16];
+            const std::uint8_t* furthest = nullptr;
+            for (std::size_t i = 0; i < 16; ++i) {
+                rows[i] = rowAt(r0 + i);
+                furthest = std::max(furthest, rows[i]);
+            }
+            for (std::size_t x0 = s0; x0 < s1; x0 += 32) {
+                const std::size_t at = x0 / 16 * block.blockBytes;
+                if (furthest > end || static_cast<std::size_t>(end - furthest) < at + 32 * Vectors) break;
+                std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
+                                               planes[2] + x0 * height + r0};
+                for (std::size_t k = 0; k < Vectors; ++k) {
+                    __m256i v[16];
+                    for (std::size_t i = 0; i < 16; ++i)
+                        v[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(rows[i] + at + 32 * k));
+                    // Rounds of interleaving row i with row i + 8, as the 128-bit transpose does.
+                    for (int round = 0; round < 4; ++round) {
+                        __m256i t[16];
+                        for (int i = 0; i < 8; ++i) {
+                            t[2 * i] = _mm256_unpacklo_epi8(v[i], v[i + 8]);
+                            t[2 * i + 1] = _mm256_unpackhi_epi8(v[i], v[i + 8]);
+                        }
+                        for (int i = 0; i < 16; ++i) v[i] = t[i];
+                    }
+                    for (std::size_t e = 0; e < 16; ++e) {
+                        const Destination& low = to[32 * k + e];
+                        const Destination& high = to[32 * k + 16 + e];
+                        for (int j = 0; j < low.count; ++j)
+                            _mm_storeu_si128(reinterpret_cast<__m128i*>(base[low.plane[j]] + low.offset[j]),
+                                             _mm256_castsi256_si128(v[e]));
+                        for (int j = 0; j < high.count; ++j)
+                            _mm_storeu_si128(reinterpret_cast<__m128i*>(base[high.plane[j]] + high.offset[j]),
+                                             _mm256_extracti128_si256(v[e], 1));
+                    }
+                }
+                bands[x0 / 16] += 1;
+                bands[x0 / 16 + 1] += 1;
+            }
+        }
+    }
 }
 
-// Blocks of 16 rows by 16 pixels: each plane's samples are gathered into 16 row vectors,
-// transposed in registers and stored as 16 column pieces. Pixels and rows that do not fill a block
-// are split one at a time.
-__attribute__((target("ssse3"))) void splitBlocks(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end,
-                                                  std::size_t width, std::size_t height, bool flipRows,
-                                                  const PixelBlock& block, std::uint8_t* const planes[3]) {
-    const Shuffles s = shufflesFor(block);
+#endif
+
+#if defined(__SSE2__)
+// Splits with the widest kernels the processor has, then a sample at a time whatever the blocks
+// did not cover.
+void splitBlocks(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
+                 std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]) {
+    // Bands of 16 rows each column of 16-pixel blocks has written: reads past end, and whatever
+    // the blocks do not cover, are left to the loop at the end.
+    std::vector<std::size_t> bands(width / 16 + 1, 0);
+#if defined(__x86_64__)
+    // A sample shared by more than four pixels is beyond the 256-bit kernel's store lists.
+    int reuse[64] = {};
+    int widest = 0;
+    for (int c = 0; c < 3; ++c)
+        for (int i = 0; i < 16; ++i) widest = std::max(widest, ++reuse[block.byteOf[c][i] % 64]);
+    const auto wide = wideKernelsAvailable() && widest <= 4 ? std::array{&splitBlocksWide<1>, &splitBlocksWide<2>, &splitBlocksWide<3>,
+                                                         &splitBlocksWide<4>}[(block.blockBytes + 15) / 16 - 1]
+                                             : nullptr;
+    if (wide != nullptr) wide(src, stride, end, width, height, flipRows, block, planes, bands);
+    else
+#endif
+        splitBlocksNarrow(src, stride, end, width, height, flipRows, block, planes, bands);
     const std::size_t fullRows = height / 16 * 16;
     auto rowAt = [&](std::size_t y) { return src + (flipRows ? height - 1 - y : y) * stride; };
-    for (std::size_t r0 = 0; r0 < fullRows; r0 += 16) {
-        const std::uint8_t* rows[16];
-        const std::uint8_t* furthest = nullptr;
-        for (std::size_t i = 0; i < 16; ++i) {
-            rows[i] = rowAt(r0 + i);
-            furthest = std::max(furthest, rows[i]);
-        }
-        std::size_t x0 = 0;
-        for (; x0 + 16 <= width && furthest + x0 / 16 * block.blockBytes + 16 * s.vectors <= end; x0 += 16) {
-            const std::size_t at = x0 / 16 * block.blockBytes;
-            for (int c = 0; c < 3; ++c) {
-                __m128i v[16];
-                for (std::size_t i = 0; i < 16; ++i) {
-                    __m128i plane = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rows[i] + at)), s.pick[c][0]);
-                    for (int k = 1; k < s.vectors; ++k)
-                        plane = _mm_or_si128(plane, _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(rows[i] + at + 16 * k)), s.pick[c][k]));
-                    v[i] = plane;
-                }
-                transposeVectors<1>(v);
-                for (std::size_t k = 0; k < 16; ++k)
-                    _mm_storeu_si128(reinterpret_cast<__m128i*>(planes[c] + (x0 + k) * height + r0), v[k]);
-            }
-        }
-        for (std::size_t x = x0; x < width; ++x)
-            for (std::size_t i = 0; i < 16; ++i) {
-                const std::uint8_t* group = rows[i] + x / 16 * block.blockBytes;
-                for (int c = 0; c < 3; ++c) planes[c][x * height + r0 + i] = group[block.byteOf[c][x % 16]];
-            }
-    }
-    for (std::size_t y = fullRows; y < height; ++y)
-        for (std::size_t x = 0; x < width; ++x) {
+    for (std::size_t x = 0; x < width; ++x) {
+        const std::size_t y0 = bands[x / 16] == fullRows / 16 ? fullRows : 0;
+        for (std::size_t y = y0; y < height; ++y) {
             const std::uint8_t* group = rowAt(y) + x / 16 * block.blockBytes;
             for (int c = 0; c < 3; ++c) planes[c][x * height + y] = group[block.byteOf[c][x % 16]];
         }
+    }
 }
 #endif
 
@@ -96,15 +182,15 @@ __attribute__((target("ssse3"))) void splitBlocks(const std::uint8_t* src, std::
 
 void splitInterleaved(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
                       std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]) {
-#if defined(__x86_64__)
-    if (shuffleKernelsAvailable()) {
+#if defined(__SSE2__)
+    if (vectorKernelsEnabled() && block.blockBytes <= 64) {
         splitBlocks(src, stride, end, width, height, flipRows, block, planes);
         return;
     }
 #else
     (void)end;
 #endif
-    // Without the byte shuffles, rows go through a row-major band of each plane, then the band is
+    // Without vector kernels, rows go through a row-major band of each plane, then the band is
     // transposed into the column-major planes: every pass walks memory in order.
     constexpr std::size_t bandRows = 64;
     std::vector<std::uint8_t> band(3 * bandRows * width);

@@ -13,8 +13,7 @@ namespace lumoframekit {
 
 namespace {
 
-std::atomic<bool> vectorKernels{true};
-std::atomic<bool> widestKernels{true};
+std::atomic<int> widthLimit{512};
 
 template <int N>
 struct Unsigned;
@@ -101,8 +100,9 @@ void transposeVector(const std::uint8_t* src, std::size_t srcRowBytes, std::uint
 
 }  // namespace
 
-bool vectorKernelsEnabled() { return vectorKernels.load(std::memory_order_relaxed); }
-void setVectorKernelsEnabled(bool enabled) { vectorKernels.store(enabled, std::memory_order_relaxed); }
+void limitVectorWidth(int bits) { widthLimit.store(bits, std::memory_order_relaxed); }
+
+bool vectorKernelsEnabled() { return widthLimit.load(std::memory_order_relaxed) >= 128; }
 
 bool shuffleKernelsAvailable() {
 #if defined(__x86_64__)
@@ -113,20 +113,19 @@ bool shuffleKernelsAvailable() {
 #endif
 }
 
-bool widestKernelsAvailable() {
+bool wideKernelsAvailable() {
 #if defined(__x86_64__)
-    static const bool present = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
-    return present && vectorKernelsEnabled() && widestKernels.load(std::memory_order_relaxed);
+    static const bool present = __builtin_cpu_supports("avx2");
+    return present && widthLimit.load(std::memory_order_relaxed) >= 256;
 #else
     return false;
 #endif
 }
-void setWidestKernelsEnabled(bool enabled) { widestKernels.store(enabled, std::memory_order_relaxed); }
 
-bool wideKernelsAvailable() {
+bool widestKernelsAvailable() {
 #if defined(__x86_64__)
-    static const bool present = __builtin_cpu_supports("avx2");
-    return present && vectorKernelsEnabled();
+    static const bool present = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+    return present && widthLimit.load(std::memory_order_relaxed) >= 512;
 #else
     return false;
 #endif

@@ -15,18 +15,18 @@ template <int SampleBytes>
 void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
                       std::size_t rows, std::size_t cols, bool flipRows, SampleOp op);
 
-// Whether the vector kernels run (the default where the processor has them) or the portable
-// loops; tests switch them off to check the portable loops against the same references.
-bool vectorKernelsEnabled();
-void setVectorKernelsEnabled(bool enabled);
+// The widest vectors the kernels may use, in bits: 512 (the default) lets each kernel use the
+// widest the processor has; tests lower it to check the narrower kernels, and 0 the portable
+// loops, against the same references.
+void limitVectorWidth(int bits);
 
-// Whether the byte-shuffle kernels may run: enabled, and the processor has SSSE3.
+// Whether the vector kernels run: 128-bit ones at least, or the portable loops.
+bool vectorKernelsEnabled();
+// Whether the byte-shuffle kernels may run: allowed, and the processor has SSSE3.
 bool shuffleKernelsAvailable();
-// Whether the 256-bit kernels may run: enabled, and the processor has AVX2.
+// Whether the 256-bit kernels may run: allowed, and the processor has AVX2.
 bool wideKernelsAvailable();
-// Whether the 512-bit kernels may run: enabled both here and as vector kernels, and the processor
-// has AVX-512 BW. Tests switch them off to check the 256-bit kernels where both exist.
+// Whether the 512-bit kernels may run: allowed, and the processor has AVX-512 BW.
 bool widestKernelsAvailable();
-void setWidestKernelsEnabled(bool enabled);
 
 }  // namespace lumoframekit
