@@ -143,23 +143,25 @@ T* workspace(std::uint64_t count, int which) {
 // Transposes rows x cols samples of a row-major image (rows srcRowBytes apart) into columns
 // stride samples apart, as transposeSamples does. The padded copy is read by the tasks on other
 // threads, whose cached copies each store would otherwise first have to invalidate: where the
-// columns start on cache lines, whole lines are streamed to memory instead.
+// columns start on cache lines, whole lines are streamed to memory instead, the last line of a
+// column filled up with zeros (the caller owns each column up to rows rounded up to whole lines).
 template <typename T>
 void transposeIntoLines(const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
                         std::uint64_t rows, std::uint64_t cols) {
-    std::uint64_t fullRows = 0, fullCols = cols;
+    std::uint64_t doneCols = 0;
 #if defined(__SSE2__)
     constexpr std::uint64_t V = 16 / sizeof(T), L = lineBytes / sizeof(T);  // samples per vector, per line
     if (vectorKernelsEnabled() && reinterpret_cast<std::uintptr_t>(dst) % lineBytes == 0 && stride % L == 0) {
-        fullRows = rows / L * L;
-        fullCols = cols / V * V;
-        for (std::uint64_t r0 = 0; r0 < fullRows; r0 += L)
-            for (std::uint64_t c0 = 0; c0 < fullCols; c0 += V) {
+        doneCols = cols / V * V;
+        for (std::uint64_t r0 = 0; r0 < rows; r0 += L)
+            for (std::uint64_t c0 = 0; c0 < doneCols; c0 += V) {
                 __m128i lines[L / V][V];  // [part of the line][column]
                 for (std::uint64_t part = 0; part < L / V; ++part) {
-                    for (std::uint64_t i = 0; i < V; ++i)
-                        lines[part][i] = _mm_loadu_si128(
-                            reinterpret_cast<const __m128i*>(src + (r0 + part * V + i) * srcRowBytes + c0 * sizeof(T)));
+                    for (std::uint64_t i = 0; i < V; ++i) {
+                        const std::uint64_t r = r0 + part * V + i;
+                        lines[part][i] = r < rows ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + r * srcRowBytes + c0 * sizeof(T)))
+                                                  : _mm_setzero_si128();
+                    }
                     transposeVectors<sizeof(T)>(lines[part]);
                 }
                 for (std::uint64_t k = 0; k < V; ++k) {
@@ -170,14 +172,11 @@ void transposeIntoLines(const std::uint8_t* src, std::size_t srcRowBytes, T* dst
         _mm_sfence();
     }
 #endif
-    auto* out = reinterpret_cast<std::uint8_t*>(dst);
-    // The rows below the whole lines, then the columns right of the whole vectors.
-    if (rows > fullRows)
-        transposeSamples<sizeof(T)>(src + fullRows * srcRowBytes, srcRowBytes, out + fullRows * sizeof(T), stride,
-                                    rows - fullRows, cols, false, SampleOp::Copy);
-    if (cols > fullCols && fullRows > 0)
-        transposeSamples<sizeof(T)>(src + fullCols * sizeof(T), srcRowBytes, out + fullCols * stride * sizeof(T), stride,
-                                    fullRows, cols - fullCols, false, SampleOp::Copy);
+    // The columns right of the whole vectors.
+    if (cols > doneCols)
+        transposeSamples<sizeof(T)>(src + doneCols * sizeof(T), srcRowBytes,
+                                    reinterpret_cast<std::uint8_t*>(dst + doneCols * stride), stride, rows,
+                                    cols - doneCols, false, SampleOp::Copy);
 }
 
 // The padded rows above and below the image: padded row q lies in half q % 2 at index q / 2.
