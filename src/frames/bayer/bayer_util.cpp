@@ -5,6 +5,8 @@
 #include <oneapi/tbb/task_group.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 #include <cstring>
 #include <type_traits>
 #include <vector>
@@ -43,6 +45,12 @@ inline void handOver(const void* token) {
     (void)token;
 #endif
 }
+inline void pause() {
+#if defined(__x86_64__)
+    _mm_pause();
+#endif
+}
+
 inline void takeOver(const void* token) {
 #if defined(__SANITIZE_THREAD__)
     __tsan_acquire(const_cast<void*>(token));
@@ -113,6 +121,7 @@ void interleavePairs(const T* even, const T* odd, T* out, std::uint64_t pairs) {
 }
 
 constexpr std::uint64_t lineBytes = 64;
+constexpr std::uint64_t paddedSlack = 64;  // samples after the padded mosaic
 
 // Rows of the padded columns kept per parity, with room for a vector read past the last column,
 // rounded up to whole cache lines.
@@ -201,34 +210,39 @@ void padColumnEnds(T* even, T* odd, std::uint64_t height) {
     }
 }
 
-// The padded mosaic in working memory. fill(even, odd, stride) writes padded columns 2 to
-// width + 1, rows 0 to height + 3 (image row y, column x at padded row y + 2, column x + 2); the
-// columns either side are reflected from them here.
-template <typename T, typename Fill>
-PaddedMosaic<T> paddedMosaic(std::uint64_t height, std::uint64_t width, Fill fill) {
-    constexpr std::uint64_t slack = 64;
+// Working memory for the padded mosaic, laid out but not yet written.
+template <typename T>
+PaddedMosaic<T> paddedStorage(std::uint64_t height, std::uint64_t width) {
     const std::uint64_t stride = parityStride<T>(height);
     const std::uint64_t half = stride * (width + 4);
     // Each column's rows from padded row 2 on start on a cache line.
-    T* padded = workspace<T>(2 * half + slack + lineBytes / sizeof(T), 0) + lineBytes / sizeof(T) - 1;
+    T* padded = workspace<T>(2 * half + paddedSlack + lineBytes / sizeof(T), 0) + lineBytes / sizeof(T) - 1;
+    return {padded, padded + half, stride};
+}
+
+// Writes the padded mosaic. fill(even, odd, stride) writes padded columns 2 to width + 1, rows 0
+// to height + 3 (image row y, column x at padded row y + 2, column x + 2); the columns either side
+// are reflected from them here.
+template <typename T, typename Fill>
+void fillPadded(const PaddedMosaic<T>& padded, std::uint64_t width, Fill fill) {
+    T* even = const_cast<T*>(padded.even);
+    T* odd = const_cast<T*>(padded.odd);
+    const std::uint64_t stride = padded.stride, half = stride * (width + 4);
     // Vector reads run past a column's last site into the next column or this slack: never into
     // memory that was not written.
-    std::fill(padded + 2 * half, padded + 2 * half + slack, T{0});
-    T* even = padded;
-    T* odd = padded + half;
+    std::fill(even + 2 * half, even + 2 * half + paddedSlack, T{0});
     fill(even, odd, stride);
     for (std::uint64_t p : {std::uint64_t{0}, std::uint64_t{1}, width + 2, width + 3}) {
         const std::uint64_t from = reflected(static_cast<std::int64_t>(p), static_cast<std::int64_t>(width)) + 2;
         std::memcpy(even + p * stride, even + from * stride, stride * sizeof(T));
         std::memcpy(odd + p * stride, odd + from * stride, stride * sizeof(T));
     }
-    return {even, odd, stride};
 }
 
 // From a column-major mosaic: each column split by row parity.
 template <typename T>
-PaddedMosaic<T> paddedFromColumns(const T* mosaic, std::uint64_t height, std::uint64_t width) {
-    return paddedMosaic<T>(height, width, [&](T* even, T* odd, std::uint64_t stride) {
+auto fromColumns(const T* mosaic, std::uint64_t height, std::uint64_t width) {
+    return [=](T* even, T* odd, std::uint64_t stride) {
         for (std::uint64_t x = 0; x < width; ++x) {
             const T* source = mosaic + x * height;
             T* e = even + (x + 2) * stride + 1;
@@ -237,14 +251,14 @@ PaddedMosaic<T> paddedFromColumns(const T* mosaic, std::uint64_t height, std::ui
             if (height % 2 == 1) e[height / 2] = source[height - 1];
             padColumnEnds(e - 1, o - 1, height);
         }
-    });
+    };
 }
 
 // From a row-major mosaic (rows rowSamples apart): the even rows and the odd rows each
 // transposed straight into their half.
 template <typename T>
-PaddedMosaic<T> paddedFromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std::uint64_t width) {
-    return paddedMosaic<T>(height, width, [&](T* even, T* odd, std::uint64_t stride) {
+auto fromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std::uint64_t width) {
+    return [=](T* even, T* odd, std::uint64_t stride) {
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(rows);
         const std::size_t rowBytes = rowSamples * sizeof(T);
         const std::uint64_t evenRows = (height + 1) / 2, oddRows = height / 2;
@@ -259,7 +273,7 @@ PaddedMosaic<T> paddedFromRows(const T* rows, std::uint64_t rowSamples, std::uin
             T* at = halves[q % 2] + 2 * stride + q / 2;
             for (std::uint64_t x = 0; x < width; ++x) at[x * stride] = source[x];
         }
-    });
+    };
 }
 
 // The kernels, each as an integer multiple of the exact value (Gx in eighths, the chroma kernels in
@@ -588,7 +602,13 @@ void runAnyTask(const BayerTBBTask<T>& task) {
 template <typename T>
 void BayerTBBTask<T>::operator()() const {
     takeOver(padded.even);
-    runAnyTask(*this);
+    int spins = 0;
+    int state;
+    while ((state = ready->load(std::memory_order_acquire)) == PaddedGate::writing) {
+        if (++spins < 256) pause();
+        else std::this_thread::yield();
+    }
+    if (state == PaddedGate::written) runAnyTask(*this);
     handOver(padded.even);
 }
 
@@ -608,8 +628,8 @@ void interleave(const T* evenRows, const T* oddRows, T* out, std::uint64_t heigh
     if (height % 2 == 1) out[height - 1] = evenRows[height / 2];
 }
 
-template <typename T, typename MakePadded>
-void demosaic(MakePadded makePadded, T* red, T* green, T* blue, std::pair<std::uint32_t, std::uint32_t> dims,
+template <typename T, typename Fill>
+void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std::uint32_t> dims,
               std::uint32_t alignment, std::uint32_t bits, int sampleBits) {
     // The four site kinds at padded (2,2), (2,3), (3,2), (3,3) for each pattern.
     static constexpr BayerSiteKind layouts[5][4] = {
@@ -629,7 +649,7 @@ void demosaic(MakePadded makePadded, T* red, T* green, T* blue, std::pair<std::u
     const int shift = std::clamp(sampleBits - static_cast<int>(std::min<std::uint32_t>(bits, 64)), 0, sampleBits);
     const std::int32_t upper = ((std::int32_t{1} << sampleBits) - 1) >> shift;
 
-    const PaddedMosaic<T> padded = makePadded(height, width);
+    const PaddedMosaic<T> padded = paddedStorage<T>(height, width);
     // Each task writes the two planes it computes, column by column, into storage of its own;
     // once all have finished, the host planes interleave the rows of the two tasks sharing each
     // column, taking the sites' own samples straight from the padded copy. Tasks thus never write
@@ -653,15 +673,29 @@ void demosaic(MakePadded makePadded, T* red, T* green, T* blue, std::pair<std::u
             next += size;
         }
     }
+    // The tasks are spawned before the padded copy is written, so that threads waking up to run
+    // them do so while this thread writes it; they start on it once the gate opens. Should a
+    // spawn fail, the gate is abandoned and the tasks already spawned return at once.
+    std::atomic<int> gate{PaddedGate::writing};
     {
         oneapi::tbb::task_group group;
+        struct Abandon {
+            std::atomic<int>& gate;
+            ~Abandon() {
+                int writing = PaddedGate::writing;
+                gate.compare_exchange_strong(writing, PaddedGate::abandoned, std::memory_order_release);
+            }
+        } abandon{gate};
         for (int t = 0; t < 4; ++t) {
             const Site& site = sites[t];
             const BayerTBBTask<T> task{height, width, site.column, site.row, 0, upper,
-                                       {regions[t][0], regions[t][1], regions[t][2]}, columnOf[t / 2], padded, site.kind};
+                                       {regions[t][0], regions[t][1], regions[t][2]}, columnOf[t / 2], padded, site.kind,
+                                       &gate};
             handOver(padded.even);
             group.run(task);
         }
+        fillPadded(padded, width, fill);
+        gate.store(PaddedGate::written, std::memory_order_release);
         group.wait();
         takeOver(padded.even);
     }
@@ -684,29 +718,25 @@ void demosaic(MakePadded makePadded, T* red, T* green, T* blue, std::pair<std::u
 void demosaic8(const std::uint8_t* mosaic, std::uint8_t* red, std::uint8_t* green, std::uint8_t* blue,
                std::uint64_t, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
                std::uint32_t bits) {
-    const auto padded = [&](std::uint64_t h, std::uint64_t w) { return paddedFromColumns(mosaic, h, w); };
-    demosaic(padded, red, green, blue, dims, alignment, bits, 8);
+    demosaic(fromColumns(mosaic, dims.first, dims.second), red, green, blue, dims, alignment, bits, 8);
 }
 
 void demosaic16(const std::uint16_t* mosaic, std::uint16_t* red, std::uint16_t* green, std::uint16_t* blue,
                 std::uint64_t, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
                 std::uint32_t bits) {
-    const auto padded = [&](std::uint64_t h, std::uint64_t w) { return paddedFromColumns(mosaic, h, w); };
-    demosaic(padded, red, green, blue, dims, alignment, bits, 16);
+    demosaic(fromColumns(mosaic, dims.first, dims.second), red, green, blue, dims, alignment, bits, 16);
 }
 
 void demosaicRows8(const std::uint8_t* rows, std::uint64_t rowSamples, std::uint8_t* red, std::uint8_t* green,
                    std::uint8_t* blue, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
                    std::uint32_t bits) {
-    const auto padded = [&](std::uint64_t h, std::uint64_t w) { return paddedFromRows(rows, rowSamples, h, w); };
-    demosaic(padded, red, green, blue, dims, alignment, bits, 8);
+    demosaic(fromRows(rows, rowSamples, dims.first, dims.second), red, green, blue, dims, alignment, bits, 8);
 }
 
 void demosaicRows16(const std::uint16_t* rows, std::uint64_t rowSamples, std::uint16_t* red, std::uint16_t* green,
                     std::uint16_t* blue, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
                     std::uint32_t bits) {
-    const auto padded = [&](std::uint64_t h, std::uint64_t w) { return paddedFromRows(rows, rowSamples, h, w); };
-    demosaic(padded, red, green, blue, dims, alignment, bits, 16);
+    demosaic(fromRows(rows, rowSamples, dims.first, dims.second), red, green, blue, dims, alignment, bits, 16);
 }
 
 template struct BayerTBBTask<std::uint8_t>;

@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <utility>
 
@@ -27,6 +28,11 @@ struct PaddedMosaic {
     std::uint64_t stride;
 };
 
+// Whether the padded mosaic a task reads has been written.
+struct PaddedGate {
+    static constexpr int writing = 0, written = 1, abandoned = 2;
+};
+
 // One of the four demosaic tasks: every site of one kind over the whole image, written into
 // column-major planes.
 template <typename T>
@@ -41,6 +47,8 @@ struct BayerTBBTask {
     std::uint64_t planeColumn;   // elements from one column of sites to the next in the planes
     PaddedMosaic<T> padded;
     BayerSiteKind kind;
+    const std::atomic<int>* ready;  // a PaddedGate state: the task starts once the copy is written
+
 
     void operator()() const;
 };
