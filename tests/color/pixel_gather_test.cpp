@@ -27,6 +27,11 @@ const Layout layouts[] = {
     {"UYVY", 32, [](int c, std::size_t i) { return i / 2 * 4 + (c == 0 ? 1 + 2 * (i % 2) : c == 1 ? 0 : 2); }},
     // U Y Y V Y Y: chroma per four pixels.
     {"UYYVYY", 24, [](int c, std::size_t i) { return i / 4 * 6 + (c == 0 ? std::array<std::size_t, 4>{1, 2, 4, 5}[i % 4] : c == 1 ? 0 : 3); }},
+    // Eight pixels in twelve bytes, chroma per four.
+    {"8 in 12", 24, [](int c, std::size_t i) {
+         constexpr std::array<std::size_t, 8> y{1, 3, 5, 7, 8, 9, 10, 11}, u{0, 0, 0, 0, 4, 4, 4, 4}, v{2, 2, 2, 2, 6, 6, 6, 6};
+         return i / 8 * 12 + (c == 0 ? y : c == 1 ? u : v)[i % 8];
+     }},
 };
 
 PixelBlock blockOf(const Layout& layout) {

@@ -1,6 +1,7 @@
 #include "frames/color/pixel_gather.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #if defined(__x86_64__)
@@ -11,8 +12,9 @@
 #include "frames/core/vector_transpose.h"
 
 // GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
-// its own flow analysis then reports as maybe uninitialised.
+// its own flow analysis then reports as (maybe) uninitialised.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
 
 namespace lumoframekit {
 
@@ -88,6 +90,87 @@ __attribute__((target("avx512f,avx512bw"))) void transposeBlock512(const std::ui
 }
 #endif
 
+// On 512-bit vectors, layouts made of repeating groups of G bytes holding P pixels are stored
+// straight from the registers: every piece's group and byte within the group are known when the
+// code is built, so each store needs only the column its byte goes to (columnOf[r * P + j], the
+// j-th pixel reading byte r of a group, null when none does) and the group's distance.
+#define LUMO_AVX512_INLINE __attribute__((target("avx512f,avx512bw"), always_inline)) inline
+
+template <std::size_t G, std::size_t P, std::size_t K, std::size_t B>
+LUMO_AVX512_INLINE void storeGroupPiece(const __m512i* v, std::uint8_t* const* columnOf, std::size_t groupStride) {
+    constexpr std::size_t b = 64 * K + B;  // byte of the block row
+    if constexpr (b < 64 / P * G) {
+        constexpr std::size_t group = b / G, r = b % G;
+        const __m128i piece = _mm512_extracti32x4_epi32(v[B % 16], B / 16);
+        for (std::size_t j = 0; j < P; ++j)
+            if (std::uint8_t* to = columnOf[r * P + j])
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(to + group * groupStride), piece);
+    }
+}
+
+template <std::size_t G, std::size_t P, std::size_t K, std::size_t... B>
+LUMO_AVX512_INLINE void storeGroupPieces(const __m512i* v, std::uint8_t* const* columnOf, std::size_t groupStride,
+                                         std::index_sequence<B...>) {
+    (storeGroupPiece<G, P, K, B>(v, columnOf, groupStride), ...);
+}
+
+template <std::size_t G, std::size_t P, std::size_t K>
+LUMO_AVX512_INLINE void splitGroupVector(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+                                         std::size_t groupStride) {
+    __m512i v[16];
+    for (std::size_t i = 0; i < 16; ++i) v[i] = _mm512_loadu_si512(rows[i] + at + 64 * K);
+    for (int round = 0; round < 4; ++round) {
+        __m512i t[16];
+        for (int i = 0; i < 8; ++i) {
+            t[2 * i] = _mm512_unpacklo_epi8(v[i], v[i + 8]);
+            t[2 * i + 1] = _mm512_unpackhi_epi8(v[i], v[i + 8]);
+        }
+        for (int i = 0; i < 16; ++i) v[i] = t[i];
+    }
+    storeGroupPieces<G, P, K>(v, columnOf, groupStride, std::make_index_sequence<64>{});
+}
+
+template <std::size_t G, std::size_t P, std::size_t... K>
+LUMO_AVX512_INLINE void splitGroupVectors(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+                                          std::size_t groupStride, std::index_sequence<K...>) {
+    (splitGroupVector<G, P, K>(rows, at, columnOf, groupStride), ...);
+}
+
+// One block of 16 rows by 64 pixels.
+using SplitGroups = void (*)(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+                             std::size_t groupStride);
+
+template <std::size_t G, std::size_t P>
+__attribute__((target("avx512f,avx512bw"))) void splitGroups512(const std::uint8_t* const rows[16], std::size_t at,
+                                                                std::uint8_t* const* columnOf, std::size_t groupStride) {
+    splitGroupVectors<G, P>(rows, at, columnOf, groupStride, std::make_index_sequence<(64 / P * G + 63) / 64>{});
+}
+
+// The group kernel for a block's layout, if it has one: the smallest group the 16 pixels repeat.
+struct GroupLayout {
+    SplitGroups split = nullptr;
+    std::size_t pixels = 0;  // P
+    std::size_t bytes = 0;   // G
+};
+
+GroupLayout groupLayout(const PixelBlock& block) {
+    constexpr struct {
+        std::size_t bytes, pixels;
+        SplitGroups split;
+    } kernels[] = {{3, 1, splitGroups512<3, 1>}, {4, 1, splitGroups512<4, 1>}, {4, 2, splitGroups512<4, 2>},
+                   {6, 4, splitGroups512<6, 4>}, {12, 8, splitGroups512<12, 8>}};
+    for (const auto& kernel : kernels) {
+        if (block.blockBytes * kernel.pixels != 16 * kernel.bytes) continue;
+        bool repeats = true;
+        for (int c = 0; c < 3; ++c)
+            for (std::size_t i = 0; i < 16; ++i)
+                repeats = repeats && block.byteOf[c][i % kernel.pixels] < kernel.bytes &&
+                          block.byteOf[c][i] == i / kernel.pixels * kernel.bytes + block.byteOf[c][i % kernel.pixels];
+        if (repeats) return {kernel.split, kernel.pixels, kernel.bytes};
+    }
+    return {};
+}
+
 // One column piece of a block: where it lies in the transposed block, its plane, and the column
 // start of its pixel within that plane's part of the block.
 struct PieceStore {
@@ -114,6 +197,23 @@ void splitBlocks(const std::uint8_t* src, std::size_t stride, const std::uint8_t
             stores.push_back({static_cast<std::uint32_t>(((16 * vector + element) * chunks + chunk) * 16), c, i * height});
         }
     alignas(64) std::uint8_t transposed[4 * 16 * 64];
+#if defined(__x86_64__)
+    // Where the group kernel stores each byte of a group: plane and pixel, or none.
+    const GroupLayout groups = chunks == 4 ? groupLayout(block) : GroupLayout{};
+    struct Slot {
+        int plane = -1;
+        std::size_t pixel = 0;
+    };
+    std::vector<Slot> slots(groups.bytes * groups.pixels);
+    for (int c = 0; c < 3; ++c)
+        for (std::size_t i = 0; i < groups.pixels; ++i) {
+            const std::size_t r = block.byteOf[c][i];
+            std::size_t j = 0;
+            while (slots[r * groups.pixels + j].plane >= 0) ++j;  // at most pixels readers of a byte
+            slots[r * groups.pixels + j] = {c, i};
+        }
+    std::vector<std::uint8_t*> columnOf(slots.size());
+#endif
 
     const std::size_t fullRows = height / 16 * 16, fullWidth = width / blockPixels * blockPixels;
     const std::size_t stripPixels = std::max<std::size_t>(64, blockPixels);
@@ -134,6 +234,15 @@ void splitBlocks(const std::uint8_t* src, std::size_t stride, const std::uint8_t
                 const std::size_t at = x0 / 16 * block.blockBytes;
                 if (furthest > end || static_cast<std::size_t>(end - furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
                     break;
+#if defined(__x86_64__)
+                if (groups.split != nullptr) {
+                    for (std::size_t k = 0; k < slots.size(); ++k)
+                        columnOf[k] = slots[k].plane < 0 ? nullptr : planes[slots[k].plane] + (x0 + slots[k].pixel) * height + r0;
+                    groups.split(rows, at, columnOf.data(), groups.pixels * height);
+                    for (std::size_t g = 0; g < chunks; ++g) ++bands[x0 / 16 + g];
+                    continue;
+                }
+#endif
                 transpose(rows, at, vectors, transposed);
                 std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
                                                planes[2] + x0 * height + r0};
