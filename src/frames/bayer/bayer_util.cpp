@@ -29,7 +29,9 @@
 #pragma GCC diagnostic ignored "-Wpsabi"
 // GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
 // its own flow analysis then reports as maybe uninitialised.
+#if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 namespace lumoframekit {
 namespace BayerUtil {
