@@ -5,8 +5,15 @@
 #include <atomic>
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+// GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
+// its own flow analysis then reports as (maybe) uninitialised.
+#if !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
 #endif
 
 namespace lumoframekit {
@@ -98,6 +105,81 @@ void transposeVector(const std::uint8_t* src, std::size_t srcRowBytes, std::uint
 
 #endif
 
+#if defined(__x86_64__)
+
+// The same on 512-bit vectors (AVX-512 BW): a vector holds four 16-byte chunks of a row, which
+// the transpose keeps apart in its four parts, so a block is V rows by 4V samples (one cache line
+// of each row) and each transposed vector gives four column pieces.
+#define LUMO_AVX512 __attribute__((target("avx512f,avx512bw"), always_inline)) inline
+
+template <int N>
+LUMO_AVX512 void transposeWidest(__m512i* v) {
+    constexpr int V = 16 / N;
+    __m512i t[V];
+    for (int step = 0; (1 << step) < V; ++step) {
+        for (int i = 0; i < V / 2; ++i) {
+            if constexpr (N == 1) t[2 * i] = _mm512_unpacklo_epi8(v[i], v[i + V / 2]), t[2 * i + 1] = _mm512_unpackhi_epi8(v[i], v[i + V / 2]);
+            else if constexpr (N == 2) t[2 * i] = _mm512_unpacklo_epi16(v[i], v[i + V / 2]), t[2 * i + 1] = _mm512_unpackhi_epi16(v[i], v[i + V / 2]);
+            else if constexpr (N == 4) t[2 * i] = _mm512_unpacklo_epi32(v[i], v[i + V / 2]), t[2 * i + 1] = _mm512_unpackhi_epi32(v[i], v[i + V / 2]);
+            else t[2 * i] = _mm512_unpacklo_epi64(v[i], v[i + V / 2]), t[2 * i + 1] = _mm512_unpackhi_epi64(v[i], v[i + V / 2]);
+        }
+        for (int i = 0; i < V; ++i) v[i] = t[i];
+    }
+}
+
+template <int N>
+LUMO_AVX512 __m512i applyWidest(__m512i v, SampleOp op) {
+    if (op == SampleOp::Complement) return _mm512_ternarylogic_epi32(v, v, v, 0x55);
+    if (N == 1 || op != SampleOp::ByteSwap) return v;
+    // Each sample's bytes reversed, within every 16-byte part.
+    alignas(16) std::int8_t order[16];
+    for (int i = 0; i < 16; ++i) order[i] = static_cast<std::int8_t>(i / N * N + (N - 1 - i % N));
+    return _mm512_shuffle_epi8(v, _mm512_broadcast_i32x4(_mm_load_si128(reinterpret_cast<const __m128i*>(order))));
+}
+
+template <int N>
+__attribute__((target("avx512f,avx512bw"))) void transposeWidestBlocks(const std::uint8_t* src, std::size_t srcRowBytes,
+                                                                       std::uint8_t* dst, std::size_t dstColumn,
+                                                                       std::size_t rows, std::size_t fullRows,
+                                                                       std::size_t fullCols, bool flip, SampleOp op) {
+    constexpr std::size_t V = 16 / N;
+    for (std::size_t c0 = 0; c0 < fullCols; c0 += 4 * V)
+        for (std::size_t r0 = 0; r0 < fullRows; r0 += V) {
+            __m512i v[V];
+            for (std::size_t i = 0; i < V; ++i) {
+                const std::size_t row = flip ? rows - 1 - (r0 + i) : r0 + i;
+                v[i] = _mm512_loadu_si512(src + row * srcRowBytes + c0 * N);
+            }
+            transposeWidest<N>(v);
+            for (std::size_t k = 0; k < V; ++k) {
+                const __m512i out = applyWidest<N>(v[k], op);
+                const __m128i parts[4] = {_mm512_castsi512_si128(out), _mm512_extracti32x4_epi32(out, 1),
+                                          _mm512_extracti32x4_epi32(out, 2), _mm512_extracti32x4_epi32(out, 3)};
+                for (std::size_t q = 0; q < 4; ++q) {
+                    auto* at = reinterpret_cast<__m128i*>(dst + ((c0 + q * V + k) * dstColumn + r0) * N);
+                    if (N == 8 && (reinterpret_cast<std::uintptr_t>(at) & 15) == 0) _mm_stream_si128(at, parts[q]);
+                    else _mm_storeu_si128(at, parts[q]);
+                }
+            }
+        }
+    _mm_sfence();
+}
+
+// Whole blocks on 512-bit vectors; the columns right of them and the rows below on 128-bit ones
+// and the portable loop.
+template <int N>
+void transposeWidest(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
+                     std::size_t rows, std::size_t cols, bool flip, SampleOp op) {
+    constexpr std::size_t V = 16 / N;
+    const std::size_t fullRows = rows / V * V, fullCols = cols / (4 * V) * (4 * V);
+    transposeWidestBlocks<N>(src, srcRowBytes, dst, dstColumn, rows, fullRows, fullCols, flip, op);
+    if (cols > fullCols)
+        transposeVector<N>(src + fullCols * N, srcRowBytes, dst + fullCols * dstColumn * N, dstColumn, rows, cols - fullCols, flip, op);
+    transposeScalar<N>(src, srcRowBytes, dst, dstColumn, rows, fullRows, rows, 0, fullCols, flip, op);
+}
+
+#endif
+
 }  // namespace
 
 void limitVectorWidth(int bits) { widthLimit.store(bits, std::memory_order_relaxed); }
@@ -134,6 +216,12 @@ bool widestKernelsAvailable() {
 template <int N>
 void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
                       std::size_t rows, std::size_t cols, bool flipRows, SampleOp op) {
+#if defined(__x86_64__)
+    if (widestKernelsAvailable()) {
+        transposeWidest<N>(src, srcRowBytes, dst, dstColumn, rows, cols, flipRows, op);
+        return;
+    }
+#endif
 #if defined(__SSE2__)
     if (vectorKernelsEnabled()) {
         transposeVector<N>(src, srcRowBytes, dst, dstColumn, rows, cols, flipRows, op);
