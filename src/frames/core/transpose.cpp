@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 
 #if defined(__x86_64__)
@@ -20,7 +21,14 @@ namespace lumoframekit {
 
 namespace {
 
-std::atomic<int> widthLimit{512};
+// LUMO_VECTOR_BITS in the environment sets the starting limit, so that a whole program (a test
+// suite, a host chasing a difference) can run on narrower kernels.
+int initialWidthLimit() {
+    const char* bits = std::getenv("LUMO_VECTOR_BITS");
+    return bits != nullptr && *bits != '\0' ? std::atoi(bits) : 512;
+}
+
+std::atomic<int> widthLimit{initialWidthLimit()};
 
 template <int N>
 struct Unsigned;

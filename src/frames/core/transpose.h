@@ -15,9 +15,9 @@ template <int SampleBytes>
 void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
                       std::size_t rows, std::size_t cols, bool flipRows, SampleOp op);
 
-// The widest vectors the kernels may use, in bits: 512 (the default) lets each kernel use the
-// widest the processor has; tests lower it to check the narrower kernels, and 0 the portable
-// loops, against the same references.
+// The widest vectors the kernels may use, in bits: 512 (the default, or LUMO_VECTOR_BITS from the
+// environment) lets each kernel use the widest the processor has; tests lower it to check the
+// narrower kernels, and 0 the portable loops, against the same references.
 void limitVectorWidth(int bits);
 
 // Whether the vector kernels run: 128-bit ones at least, or the portable loops.

@@ -12,6 +12,13 @@
 #include "frames/core/transpose.h"
 #include "frames/core/vector_transpose.h"
 
+// GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
+// its own flow analysis then reports as (maybe) uninitialised.
+#if !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#endif
+
 namespace lumoframekit {
 
 namespace {
@@ -83,7 +90,7 @@ __attribute__((target("ssse3"))) inline __m128i decodeEight(const std::uint8_t* 
 template <Packing P>
 __attribute__((target("ssse3"))) void unpackBlocks(std::uint16_t* out, const std::uint8_t* buffer,
                                                    const std::uint8_t* end, std::size_t rowBytes, std::size_t first,
-                                                   std::size_t width, std::size_t height) {
+                                                   std::size_t width, std::size_t height, std::size_t done) {
     constexpr std::size_t groupBytes = P == Packing::Ten4in5 ? 10 : 12;
     const std::size_t decoded = first + width;
     const std::size_t fullRows = height / 8 * 8;
@@ -91,7 +98,7 @@ __attribute__((target("ssse3"))) void unpackBlocks(std::uint16_t* out, const std
     for (std::size_t r0 = 0; r0 < fullRows; r0 += 8) {
         const std::uint8_t* rows = buffer + r0 * rowBytes;
         const std::uint8_t* lastRow = rows + 7 * rowBytes;
-        std::size_t c0 = 0;
+        std::size_t c0 = done;
         for (; c0 + 8 <= decoded && lastRow + c0 / 8 * groupBytes + 16 <= end; c0 += 8) {
             __m128i v[8];
             for (std::size_t i = 0; i < 8; ++i) v[i] = decodeEight<P>(rows + i * rowBytes + c0 / 8 * groupBytes);
@@ -108,6 +115,81 @@ __attribute__((target("ssse3"))) void unpackBlocks(std::uint16_t* out, const std
         for (std::size_t c = first; c < decoded; ++c)
             out[(c - first) * height + r] = decode<P>(buffer + r * rowBytes + byteOfPixel(P, c), c);
 }
+
+// The same on 512-bit vectors (AVX-512 BW): 32 pixels, four groups, one group per 128-bit part,
+// each decoded as decodeEight does.
+#define LUMO_AVX512 __attribute__((target("avx512f,avx512bw"), always_inline)) inline
+
+LUMO_AVX512 __m512i everyPart(__m128i v) { return _mm512_broadcast_i32x4(v); }
+
+template <Packing P>
+LUMO_AVX512 __m512i decodeThirtyTwo(const std::uint8_t* row) {
+    constexpr std::size_t groupBytes = P == Packing::Ten4in5 ? 10 : 12;
+    __m512i bytes = _mm512_castsi128_si512(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row)));
+    bytes = _mm512_inserti32x4(bytes, _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + groupBytes)), 1);
+    bytes = _mm512_inserti32x4(bytes, _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + 2 * groupBytes)), 2);
+    bytes = _mm512_inserti32x4(bytes, _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + 3 * groupBytes)), 3);
+    if constexpr (P == Packing::Ten4in5) {
+        const __m512i words = _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(0, 1, 1, 2, 2, 3, 3, 4, 5, 6, 6, 7, 7, 8, 8, 9)));
+        return _mm512_srli_epi16(_mm512_mullo_epi16(words, everyPart(_mm_setr_epi16(64, 16, 4, 1, 64, 16, 4, 1))), 6);
+    } else if constexpr (P == Packing::Twelve2in3LsbFirst) {
+        const __m512i words = _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(0, 1, 1, 2, 3, 4, 4, 5, 6, 7, 7, 8, 9, 10, 10, 11)));
+        const __m512i evenMask = everyPart(_mm_setr_epi16(0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0));
+        const __m512i oddMask = everyPart(_mm_setr_epi16(0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF));
+        return _mm512_or_si512(_mm512_and_si512(words, evenMask), _mm512_and_si512(_mm512_srli_epi16(words, 4), oddMask));
+    } else {
+        constexpr int low = P == Packing::Ten2in3 ? 2 : 4;
+        constexpr short field = (1 << low) - 1;
+        const __m512i high = _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(0, -1, 2, -1, 3, -1, 5, -1, 6, -1, 8, -1, 9, -1, 11, -1)));
+        const __m512i shared = _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(1, -1, 1, -1, 4, -1, 4, -1, 7, -1, 7, -1, 10, -1, 10, -1)));
+        const __m512i evenField = everyPart(_mm_setr_epi16(field, 0, field, 0, field, 0, field, 0));
+        const __m512i oddField = everyPart(_mm_setr_epi16(0, field, 0, field, 0, field, 0, field));
+        return _mm512_or_si512(_mm512_slli_epi16(high, low), _mm512_or_si512(_mm512_and_si512(shared, evenField),
+                                                                              _mm512_and_si512(_mm512_srli_epi16(shared, 4), oddField)));
+    }
+}
+
+// Blocks of eight rows by 32 pixels; what they leave goes to the 128-bit blocks.
+template <Packing P>
+__attribute__((target("avx512f,avx512bw"))) std::size_t unpackWidestBlocks(std::uint16_t* out, const std::uint8_t* buffer,
+                                                                           const std::uint8_t* end, std::size_t rowBytes,
+                                                                           std::size_t first, std::size_t width,
+                                                                           std::size_t height) {
+    constexpr std::size_t groupBytes = P == Packing::Ten4in5 ? 10 : 12;
+    const std::size_t decoded = first + width;
+    const std::size_t fullRows = height / 8 * 8;
+    // Columns every block row reaches: the reads of the last row of the last band stay before end.
+    std::size_t columns = 0;
+    if (fullRows > 0) {
+        const std::uint8_t* lastRow = buffer + (fullRows - 1) * rowBytes;
+        while (columns + 32 <= decoded && lastRow + (columns / 8 + 3) * groupBytes + 16 <= end) columns += 32;
+    }
+    auto* target = reinterpret_cast<std::uint8_t*>(out);
+    for (std::size_t r0 = 0; r0 < fullRows; r0 += 8) {
+        const std::uint8_t* rows = buffer + r0 * rowBytes;
+        for (std::size_t c0 = 0; c0 < columns; c0 += 32) {
+            __m512i v[8];
+            for (std::size_t i = 0; i < 8; ++i) v[i] = decodeThirtyTwo<P>(rows + i * rowBytes + c0 / 8 * groupBytes);
+            for (int step = 0; step < 3; ++step) {
+                __m512i t[8];
+                for (int i = 0; i < 4; ++i) {
+                    t[2 * i] = _mm512_unpacklo_epi16(v[i], v[i + 4]);
+                    t[2 * i + 1] = _mm512_unpackhi_epi16(v[i], v[i + 4]);
+                }
+                for (int i = 0; i < 8; ++i) v[i] = t[i];
+            }
+            for (std::size_t k = 0; k < 8; ++k) {
+                const __m128i parts[4] = {_mm512_castsi512_si128(v[k]), _mm512_extracti32x4_epi32(v[k], 1),
+                                          _mm512_extracti32x4_epi32(v[k], 2), _mm512_extracti32x4_epi32(v[k], 3)};
+                for (std::size_t q = 0; q < 4; ++q) {
+                    const std::size_t c = c0 + 8 * q + k;
+                    if (c >= first) _mm_storeu_si128(reinterpret_cast<__m128i*>(target + ((c - first) * height + r0) * 2), parts[q]);
+                }
+            }
+        }
+    }
+    return columns;
+}
 #endif
 
 // Pixels 0..count-1 of a row that starts at a group, into out.
@@ -123,7 +205,9 @@ void unpack(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* 
             std::size_t firstPixel, std::size_t width, std::size_t height) {
 #if defined(__x86_64__)
     if (shuffleKernelsAvailable()) {
-        unpackBlocks<P>(out, buffer, end, rowBytes, firstPixel, width, height);
+        // Columns [0, done) of the whole bands are decoded on 512-bit vectors where available.
+        const std::size_t done = widestKernelsAvailable() ? unpackWidestBlocks<P>(out, buffer, end, rowBytes, firstPixel, width, height) : 0;
+        unpackBlocks<P>(out, buffer, end, rowBytes, firstPixel, width, height, done);
         return;
     }
 #else
