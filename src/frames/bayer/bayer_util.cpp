@@ -53,6 +53,10 @@ inline void pause() {
 #endif
 }
 
+// The padded copy the calling thread of a demosaic is waiting on, on that thread only.
+thread_local const void* waitingOn = nullptr;
+inline bool onCallingThread(const void* padded) { return waitingOn == padded; }
+
 inline void takeOver(const void* token) {
 #if defined(__SANITIZE_THREAD__)
     __tsan_acquire(const_cast<void*>(token));
@@ -430,15 +434,18 @@ LUMO_AVX2 void wideSites(const T* s, const T* o, std::uint64_t stride, __m256i& 
     }
 }
 
-// The planes are read back by the calling thread once every task is done: streamed to memory, the
-// lines are not first claimed from another core's cache.
+// The planes are read back by the calling thread once every task is done. Tasks on other threads
+// stream them to memory, so that their lines are not then claimed from another core's cache;
+// tasks on the calling thread leave them cached for it.
 template <typename T>
-__attribute__((target("avx2"), always_inline)) inline void storeVector(T* at, __m256i v) {
-    _mm256_stream_si256(reinterpret_cast<__m256i*>(at), v);
+__attribute__((target("avx2"), always_inline)) inline void storeVector(T* at, __m256i v, bool stream) {
+    if (stream) _mm256_stream_si256(reinterpret_cast<__m256i*>(at), v);
+    else _mm256_store_si256(reinterpret_cast<__m256i*>(at), v);
 }
 
 template <typename T, BayerSiteKind Kind>
 __attribute__((target("avx2"))) void wideColumns(const BayerTBBTask<T>& task) {
+    const bool stream = !onCallingThread(task.padded.even);
     using W = Wide<T>;
     constexpr bool greenSite = Kind == GreenOnRedRow || Kind == GreenOnBlueRow;
     constexpr std::uint64_t step = 2 * W::lanes;
@@ -458,8 +465,8 @@ __attribute__((target("avx2"))) void wideColumns(const BayerTBBTask<T>& task) {
             wideSites<T, greenSite>(column + i, otherRow + i, stride, a0, b0);
             wideSites<T, greenSite>(column + i + W::lanes, otherRow + i + W::lanes, stride, a1, b1);
             // Whole vectors: the planes' columns are padded to whole cache lines.
-            storeVector(task.planes[planeOfFirst(Kind)] + out + i, W::narrow(a0, a1, upper));
-            storeVector(task.planes[planeOfSecond(Kind)] + out + i, W::narrow(b0, b1, upper));
+            storeVector(task.planes[planeOfFirst(Kind)] + out + i, W::narrow(a0, a1, upper), stream);
+            storeVector(task.planes[planeOfSecond(Kind)] + out + i, W::narrow(b0, b1, upper), stream);
         }
     }
     _mm_sfence();  // the streamed stores are visible before the task reports done
@@ -534,6 +541,7 @@ LUMO_AVX512 void widestSites(const T* s, const T* o, std::uint64_t stride, __m51
 
 template <typename T, BayerSiteKind Kind>
 __attribute__((target("avx512f,avx512bw"))) void widestColumns(const BayerTBBTask<T>& task) {
+    const bool stream = !onCallingThread(task.padded.even);
     using W = Widest<T>;
     constexpr bool greenSite = Kind == GreenOnRedRow || Kind == GreenOnBlueRow;
     const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
@@ -550,8 +558,8 @@ __attribute__((target("avx512f,avx512bw"))) void widestColumns(const BayerTBBTas
         for (std::uint64_t i = 0; i < sites; i += W::lanes) {
             __m512i first, second;
             widestSites<T, greenSite>(column + i, otherRow + i, stride, first, second);
-            storeVector(task.planes[planeOfFirst(Kind)] + out + i, W::narrow(first, upper));
-            storeVector(task.planes[planeOfSecond(Kind)] + out + i, W::narrow(second, upper));
+            storeVector(task.planes[planeOfFirst(Kind)] + out + i, W::narrow(first, upper), stream);
+            storeVector(task.planes[planeOfSecond(Kind)] + out + i, W::narrow(second, upper), stream);
         }
     }
     _mm_sfence();  // the streamed stores are visible before the task reports done
@@ -696,9 +704,11 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
             handOver(padded.even);
             group.run(task);
         }
+        waitingOn = padded.even;
         fillPadded(padded, width, fill);
         gate.store(PaddedGate::written, std::memory_order_release);
         group.wait();
+        waitingOn = nullptr;
         takeOver(padded.even);
     }
     T* const out[3] = {red, green, blue};
