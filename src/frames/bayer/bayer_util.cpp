@@ -1,21 +1,13 @@
 #include "frames/bayer/bayer_util.h"
-#include "frames/core/transpose.h"
-#include "frames/core/vector_transpose.h"
 
 #include <oneapi/tbb/task_group.h>
 
 #include <algorithm>
 #include <atomic>
-#include <thread>
 #include <cstring>
-#include <type_traits>
-#include <vector>
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-#include <memory>
 #include <new>
+#include <thread>
+#include <type_traits>
 #include <vector>
 
 #if defined(__x86_64__)
@@ -24,6 +16,9 @@
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
 #endif
+
+#include "frames/core/transpose.h"
+#include "frames/core/vector_transpose.h"
 
 // The vector helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
 #pragma GCC diagnostic ignored "-Wpsabi"
@@ -47,6 +42,14 @@ inline void handOver(const void* token) {
     (void)token;
 #endif
 }
+inline void takeOver(const void* token) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_acquire(const_cast<void*>(token));
+#else
+    (void)token;
+#endif
+}
+
 inline void pause() {
 #if defined(__x86_64__)
     _mm_pause();
@@ -56,14 +59,6 @@ inline void pause() {
 // The padded copy the calling thread of a demosaic is waiting on, on that thread only.
 thread_local const void* waitingOn = nullptr;
 inline bool onCallingThread(const void* padded) { return waitingOn == padded; }
-
-inline void takeOver(const void* token) {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_acquire(const_cast<void*>(token));
-#else
-    (void)token;
-#endif
-}
 
 // Image row or column of padded index p (image index p - 2), reflected about the edge sample
 // without repeating it. Images shorter than 3 reach past the far edge: those reads are held at it.
