@@ -150,6 +150,52 @@ T* workspace(std::uint64_t count, int which) {
     return space.data() + skip;
 }
 
+#if defined(__x86_64__)
+// The streamed transpose below on 512-bit vectors: blocks of one output line (64 bytes) of each
+// of 4V columns. Each group of V rows is transposed in registers, with each 16-byte part of a
+// vector kept apart; the four groups' parts for one column then make its line.
+template <typename T>
+__attribute__((target("avx512f,avx512bw"))) std::uint64_t transposeIntoLinesWidest(const std::uint8_t* src,
+                                                                                   std::size_t srcRowBytes, T* dst,
+                                                                                   std::uint64_t stride,
+                                                                                   std::uint64_t rows,
+                                                                                   std::uint64_t cols) {
+    constexpr std::uint64_t V = 16 / sizeof(T), L = lineBytes / sizeof(T), G = L / V;  // G = 4 groups
+    const std::uint64_t fullCols = cols / (4 * V) * (4 * V);
+    for (std::uint64_t r0 = 0; r0 < rows; r0 += L)
+        for (std::uint64_t c0 = 0; c0 < fullCols; c0 += 4 * V) {
+            __m512i groups[G][V];
+            for (std::uint64_t g = 0; g < G; ++g) {
+                for (std::uint64_t i = 0; i < V; ++i) {
+                    const std::uint64_t r = r0 + g * V + i;
+                    groups[g][i] = r < rows ? _mm512_loadu_si512(src + r * srcRowBytes + c0 * sizeof(T)) : _mm512_setzero_si512();
+                }
+                for (std::uint64_t step = 1; step < V; step *= 2) {
+                    __m512i t[V];
+                    for (std::uint64_t i = 0; i < V / 2; ++i) {
+                        const __m512i a = groups[g][i], b = groups[g][i + V / 2];
+                        t[2 * i] = sizeof(T) == 1 ? _mm512_unpacklo_epi8(a, b) : _mm512_unpacklo_epi16(a, b);
+                        t[2 * i + 1] = sizeof(T) == 1 ? _mm512_unpackhi_epi8(a, b) : _mm512_unpackhi_epi16(a, b);
+                    }
+                    for (std::uint64_t i = 0; i < V; ++i) groups[g][i] = t[i];
+                }
+            }
+            for (std::uint64_t k = 0; k < V; ++k) {
+                // Part q of every group's vector k, gathered: the line of column c0 + q * V + k.
+                const __m512i t0 = _mm512_shuffle_i64x2(groups[0][k], groups[1][k], 0x44);
+                const __m512i t1 = _mm512_shuffle_i64x2(groups[0][k], groups[1][k], 0xEE);
+                const __m512i t2 = _mm512_shuffle_i64x2(groups[2][k], groups[3][k], 0x44);
+                const __m512i t3 = _mm512_shuffle_i64x2(groups[2][k], groups[3][k], 0xEE);
+                const __m512i lines[4] = {_mm512_shuffle_i64x2(t0, t2, 0x88), _mm512_shuffle_i64x2(t0, t2, 0xDD),
+                                          _mm512_shuffle_i64x2(t1, t3, 0x88), _mm512_shuffle_i64x2(t1, t3, 0xDD)};
+                for (std::uint64_t q = 0; q < 4; ++q) _mm512_stream_si512(reinterpret_cast<__m512i*>(dst + (c0 + q * V + k) * stride + r0), lines[q]);
+            }
+        }
+    _mm_sfence();
+    return fullCols;
+}
+#endif
+
 // Transposes rows x cols samples of a row-major image (rows srcRowBytes apart) into columns
 // stride samples apart, as transposeSamples does. The padded copy is read by the tasks on other
 // threads, whose cached copies each store would otherwise first have to invalidate: where the
@@ -162,9 +208,13 @@ void transposeIntoLines(const std::uint8_t* src, std::size_t srcRowBytes, T* dst
 #if defined(__SSE2__)
     constexpr std::uint64_t V = 16 / sizeof(T), L = lineBytes / sizeof(T);  // samples per vector, per line
     if (vectorKernelsEnabled() && reinterpret_cast<std::uintptr_t>(dst) % lineBytes == 0 && stride % L == 0) {
+#if defined(__x86_64__)
+        if (widestKernelsAvailable()) doneCols = transposeIntoLinesWidest(src, srcRowBytes, dst, stride, rows, cols);
+#endif
+        const std::uint64_t first = doneCols;
         doneCols = cols / V * V;
         for (std::uint64_t r0 = 0; r0 < rows; r0 += L)
-            for (std::uint64_t c0 = 0; c0 < doneCols; c0 += V) {
+            for (std::uint64_t c0 = first; c0 < doneCols; c0 += V) {
                 __m128i lines[L / V][V];  // [part of the line][column]
                 for (std::uint64_t part = 0; part < L / V; ++part) {
                     for (std::uint64_t i = 0; i < V; ++i) {
