@@ -56,10 +56,6 @@ inline void pause() {
 #endif
 }
 
-// The padded copy the calling thread of a demosaic is waiting on, on that thread only.
-thread_local const void* waitingOn = nullptr;
-inline bool onCallingThread(const void* padded) { return waitingOn == padded; }
-
 // Image row or column of padded index p (image index p - 2), reflected about the edge sample
 // without repeating it. Images shorter than 3 reach past the far edge: those reads are held at it.
 std::uint64_t reflected(std::int64_t p, std::int64_t n) {
@@ -490,7 +486,7 @@ __attribute__((target("avx2"), always_inline)) inline void storeVector(T* at, __
 
 template <typename T, BayerSiteKind Kind>
 __attribute__((target("avx2"))) void wideColumns(const BayerTBBTask<T>& task) {
-    const bool stream = !onCallingThread(task.padded.even);
+    const bool stream = std::this_thread::get_id() != task.gate->caller;
     using W = Wide<T>;
     constexpr bool greenSite = Kind == GreenOnRedRow || Kind == GreenOnBlueRow;
     constexpr std::uint64_t step = 2 * W::lanes;
@@ -586,7 +582,7 @@ LUMO_AVX512 void widestSites(const T* s, const T* o, std::uint64_t stride, __m51
 
 template <typename T, BayerSiteKind Kind>
 __attribute__((target("avx512f,avx512bw"))) void widestColumns(const BayerTBBTask<T>& task) {
-    const bool stream = !onCallingThread(task.padded.even);
+    const bool stream = std::this_thread::get_id() != task.gate->caller;
     using W = Widest<T>;
     constexpr bool greenSite = Kind == GreenOnRedRow || Kind == GreenOnBlueRow;
     const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
@@ -659,7 +655,7 @@ void BayerTBBTask<T>::operator()() const {
     takeOver(padded.even);
     int spins = 0;
     int state;
-    while ((state = ready->load(std::memory_order_acquire)) == PaddedGate::writing) {
+    while ((state = gate->state.load(std::memory_order_acquire)) == PaddedGate::writing) {
         if (++spins < 256) pause();
         else std::this_thread::yield();
     }
@@ -731,14 +727,14 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // The tasks are spawned before the padded copy is written, so that threads waking up to run
     // them do so while this thread writes it; they start on it once the gate opens. Should a
     // spawn fail, the gate is abandoned and the tasks already spawned return at once.
-    std::atomic<int> gate{PaddedGate::writing};
+    PaddedGate gate;
     {
         oneapi::tbb::task_group group;
         struct Abandon {
-            std::atomic<int>& gate;
+            PaddedGate& gate;
             ~Abandon() {
                 int writing = PaddedGate::writing;
-                gate.compare_exchange_strong(writing, PaddedGate::abandoned, std::memory_order_release);
+                gate.state.compare_exchange_strong(writing, PaddedGate::abandoned, std::memory_order_release);
             }
         } abandon{gate};
         for (int t = 0; t < 4; ++t) {
@@ -749,11 +745,9 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
             handOver(padded.even);
             group.run(task);
         }
-        waitingOn = padded.even;
         fillPadded(padded, width, fill);
-        gate.store(PaddedGate::written, std::memory_order_release);
+        gate.state.store(PaddedGate::written, std::memory_order_release);
         group.wait();
-        waitingOn = nullptr;
         takeOver(padded.even);
     }
     T* const out[3] = {red, green, blue};

@@ -1,6 +1,7 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <thread>
 #include <utility>
 
 namespace lumoframekit {
@@ -28,9 +29,12 @@ struct PaddedMosaic {
     std::uint64_t stride;
 };
 
-// Whether the padded mosaic a task reads has been written.
+// Whether the padded mosaic the tasks read has been written, and which thread writes it (and
+// then waits for the tasks).
 struct PaddedGate {
     static constexpr int writing = 0, written = 1, abandoned = 2;
+    std::atomic<int> state{writing};
+    std::thread::id caller = std::this_thread::get_id();
 };
 
 // One of the four demosaic tasks: every site of one kind over the whole image, written into
@@ -47,8 +51,7 @@ struct BayerTBBTask {
     std::uint64_t planeColumn;   // elements from one column of sites to the next in the planes
     PaddedMosaic<T> padded;
     BayerSiteKind kind;
-    const std::atomic<int>* ready;  // a PaddedGate state: the task starts once the copy is written
-
+    const PaddedGate* gate;      // the task starts once the padded copy is written
 
     void operator()() const;
 };
