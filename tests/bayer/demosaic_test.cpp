@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <oneapi/tbb/global_control.h>
+
 #include <cmath>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -122,6 +125,27 @@ TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
         }
     }
     limitVectorWidth(512);
+}
+
+// Tasks on the calling thread write the host planes in place, the others write planes that are
+// merged afterwards: the planes are the same whichever threads run the tasks, with every task on
+// the calling thread (one thread allowed) or spread over the pool.
+TEST(Demosaic, PlanesAreTheSameWhicheverThreadsRunTheTasks) {
+    std::mt19937 rng(11);
+    std::vector<std::uint8_t> mosaic(1200 * 800);
+    for (auto& v : mosaic) v = static_cast<std::uint8_t>(rng());
+    std::vector<std::uint16_t> mosaic16(mosaic.size());
+    for (auto& v : mosaic16) v = static_cast<std::uint16_t>(rng() >> 20);
+    const auto expected = referenceDemosaic(mosaic, 1200, 800, 2, 8);
+    const auto expected16 = referenceDemosaic(mosaic16, 1200, 800, 1, 12);
+    for (std::size_t threads : {std::size_t{1}, std::size_t{0}}) {
+        std::optional<oneapi::tbb::global_control> limit;
+        if (threads != 0) limit.emplace(oneapi::tbb::global_control::max_allowed_parallelism, threads);
+        for (int round = 0; round < 10; ++round) {
+            EXPECT_EQ(run(mosaic, 1200, 800, 2, 8, std::uint8_t{0xA5}, round % 2 == 1), expected) << threads << " " << round;
+            EXPECT_EQ(run(mosaic16, 1200, 800, 1, 12, std::uint16_t{0xA5A5}, round % 2 == 1), expected16) << threads << " " << round;
+        }
+    }
 }
 
 TEST(Demosaic, UniformMosaicGivesItsValueEverywhere) {

@@ -532,9 +532,15 @@ return _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(
     template <int Bits>
     LUMO_AVX512 static __m512i shr(__m512i a) { return _mm512_srai_epi16(a, Bits); }
     LUMO_AVX512 static __m512i bound(std::int32_t upper) { return _mm512_set1_epi16(static_cast<short>(upper)); }
-    LUMO_AVX512 static __m256i narrow(__m512i a, __m512i upper) {
-        return _mm512_cvtepi16_epi8(_mm512_min_epi16(_mm512_max_epi16(a, _mm512_setzero_si512()), upper));
+    LUMO_AVX512 static __m512i clamp(__m512i a, __m512i upper) {
+        return _mm512_min_epi16(_mm512_max_epi16(a, _mm512_setzero_si512()), upper);
     }
+    LUMO_AVX512 static __m256i narrow(__m512i a, __m512i upper) { return _mm512_cvtepi16_epi8(clamp(a, upper)); }
+    // A wide lane holds a sample in its low half and zero above; shifted up by a sample for odd
+    // rows, the lanes line up with a column's elements, and a mask picks the rows of one parity.
+    using Mask = __mmask64;
+    LUMO_AVX512 static __m512i place(__m512i a, bool oddRows) { return oddRows ? _mm512_slli_epi16(a, 8) : a; }
+    LUMO_AVX512 static void storeRows(std::uint8_t* at, Mask mask, __m512i a) { _mm512_mask_storeu_epi8(at, mask, a); }
 };
 
 template <>
@@ -549,9 +555,13 @@ struct Widest<std::uint16_t> {
     template <int Bits>
     LUMO_AVX512 static __m512i shr(__m512i a) { return _mm512_srai_epi32(a, Bits); }
     LUMO_AVX512 static __m512i bound(std::int32_t upper) { return _mm512_set1_epi32(upper); }
-    LUMO_AVX512 static __m256i narrow(__m512i a, __m512i upper) {
-        return _mm512_cvtepi32_epi16(_mm512_min_epi32(_mm512_max_epi32(a, _mm512_setzero_si512()), upper));
+    LUMO_AVX512 static __m512i clamp(__m512i a, __m512i upper) {
+        return _mm512_min_epi32(_mm512_max_epi32(a, _mm512_setzero_si512()), upper);
     }
+    LUMO_AVX512 static __m256i narrow(__m512i a, __m512i upper) { return _mm512_cvtepi32_epi16(clamp(a, upper)); }
+    using Mask = __mmask32;
+    LUMO_AVX512 static __m512i place(__m512i a, bool oddRows) { return oddRows ? _mm512_slli_epi32(a, 16) : a; }
+    LUMO_AVX512 static void storeRows(std::uint16_t* at, Mask mask, __m512i a) { _mm512_mask_storeu_epi16(at, mask, a); }
 };
 
 template <typename T, bool GreenSite>
@@ -580,6 +590,26 @@ LUMO_AVX512 void widestSites(const T* s, const T* o, std::uint64_t stride, __m51
     }
 }
 
+// The mask of `count` sites of one row parity: every other element of a column, two mask bits
+// (elements) per site.
+template <typename Mask>
+LUMO_AVX512 Mask rowMask(bool oddRows, std::uint64_t count, std::uint64_t lanes) {
+    const auto rows = static_cast<Mask>(oddRows ? 0xAAAAAAAAAAAAAAAAull : 0x5555555555555555ull);
+    return count >= lanes ? rows : static_cast<Mask>(rows & ((std::uint64_t{1} << (2 * count)) - 1));
+}
+// Writes `count` samples into every other element of a host column, from its first (even rows)
+// or second (odd rows) element on.
+template <typename T>
+__attribute__((target("avx512f,avx512bw"))) void mergeRows(const T* sites, T* column, std::uint64_t count, bool oddRows) {
+    using W = Widest<T>;
+    for (std::uint64_t i = 0; i < count; i += W::lanes) {
+        const std::uint64_t n = std::min<std::uint64_t>(W::lanes, count - i);
+        // A whole vector is read: the task planes' and the padded copy's columns are padded to
+        // whole cache lines.
+        const __m512i v = W::load(sites + i);
+        W::storeRows(column + 2 * i, rowMask<typename W::Mask>(oddRows, n, W::lanes), W::place(v, oddRows));
+    }
+}
 template <typename T, BayerSiteKind Kind>
 __attribute__((target("avx512f,avx512bw"))) void widestColumns(const BayerTBBTask<T>& task) {
     const bool stream = std::this_thread::get_id() != task.gate->caller;
@@ -592,10 +622,30 @@ __attribute__((target("avx512f,avx512bw"))) void widestColumns(const BayerTBBTas
     const std::uint64_t above = evenSites ? 0 : 1;
     const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
     const __m512i upper = W::bound(task.upper);
+    // On the calling thread the task writes the host planes in place: the tasks there leave no
+    // planes to interleave afterwards, and the other threads' tasks keep to planes of their own,
+    // so no two cores write the same lines.
+    const bool inPlace = !stream && task.hostPlanes[0] != nullptr;
+    if (inPlace) *task.wroteInPlace = true;
     std::uint64_t out = 0;
     for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += task.planeColumn) {
         const T* column = same + p * stride + 1;
         const T* otherRow = other + p * stride + above;
+        if (inPlace) {
+            const std::uint64_t hostColumn = (p - 2) * h;
+            for (std::uint64_t i = 0; i < sites; i += W::lanes) {
+                __m512i first, second;
+                widestSites<T, greenSite>(column + i, otherRow + i, stride, first, second);
+                __m512i planes[3];
+                planes[planeOfFirst(Kind)] = W::clamp(first, upper);
+                planes[planeOfSecond(Kind)] = W::clamp(second, upper);
+                planes[3 - planeOfFirst(Kind) - planeOfSecond(Kind)] = W::load(column + i);  // the site's own
+                const auto mask = rowMask<typename W::Mask>(!evenSites, sites - i, W::lanes);
+                for (int plane = 0; plane < 3; ++plane)
+                    W::storeRows(task.hostPlanes[plane] + hostColumn + 2 * i, mask, W::place(planes[plane], !evenSites));
+            }
+            continue;
+        }
         for (std::uint64_t i = 0; i < sites; i += W::lanes) {
             __m512i first, second;
             widestSites<T, greenSite>(column + i, otherRow + i, stride, first, second);
@@ -728,6 +778,9 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // them do so while this thread writes it; they start on it once the gate opens. Should a
     // spawn fail, the gate is abandoned and the tasks already spawned return at once.
     PaddedGate gate;
+    // Tasks on this thread may write the host planes in place where the 512-bit kernels run.
+    const bool inPlace = widestKernelsAvailable();
+    bool wroteInPlace[4] = {false, false, false, false};
     {
         oneapi::tbb::task_group group;
         struct Abandon {
@@ -741,7 +794,7 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
             const Site& site = sites[t];
             const BayerTBBTask<T> task{height, width, site.column, site.row, 0, upper,
                                        {regions[t][0], regions[t][1], regions[t][2]}, columnOf[t / 2], padded, site.kind,
-                                       &gate};
+                                       &gate, {inPlace ? red : nullptr, green, blue}, &wroteInPlace[t]};
             handOver(padded.even);
             group.run(task);
         }
@@ -760,7 +813,17 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
                 const T* own = (rowParity == 0 ? padded.even : padded.odd) + (x + 2) * padded.stride + 1;
                 rows[rowParity] = computed != nullptr ? computed + x / 2 * columnOf[rowParity] : own;
             }
-            interleave(rows[0], rows[1], out[plane] + x * height, height);
+            // Both rows interleaved, or those of one task between the rows written in place.
+            const bool written[2] = {wroteInPlace[parity], wroteInPlace[2 + parity]};
+            if (!written[0] && !written[1]) {
+                interleave(rows[0], rows[1], out[plane] + x * height, height);
+                continue;
+            }
+#if defined(__x86_64__)
+            const std::uint64_t sitesOf[2] = {evenSites, oddSites};
+            for (int rowParity = 0; rowParity < 2; ++rowParity)
+                if (!written[rowParity]) mergeRows(rows[rowParity], out[plane] + x * height, sitesOf[rowParity], rowParity == 1);
+#endif
         }
 }
 

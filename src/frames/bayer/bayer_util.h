@@ -52,6 +52,11 @@ struct BayerTBBTask {
     PaddedMosaic<T> padded;
     BayerSiteKind kind;
     const PaddedGate* gate;      // the task starts once the padded copy is written
+    // The host planes, when the processor can store every other element of a column alone: a
+    // task on the calling thread then writes its sites (all three colors) there in place, and
+    // says so in wroteInPlace.
+    T* hostPlanes[3];
+    bool* wroteInPlace;
 
     void operator()() const;
 };
