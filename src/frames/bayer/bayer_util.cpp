@@ -778,8 +778,10 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // them do so while this thread writes it; they start on it once the gate opens. Should a
     // spawn fail, the gate is abandoned and the tasks already spawned return at once.
     PaddedGate gate;
-    // Tasks on this thread may write the host planes in place where the 512-bit kernels run.
-    const bool inPlace = widestKernelsAvailable();
+    // Tasks on this thread may write the host planes in place where the 512-bit kernels run, for
+    // 8-bit samples. With 16-bit ones the host planes are twice the size and the in-place writes,
+    // which reach each of their lines twice, cost more than the planes they save.
+    const bool inPlace = sizeof(T) == 1 && widestKernelsAvailable();
     bool wroteInPlace[4] = {false, false, false, false};
     {
         oneapi::tbb::task_group group;
