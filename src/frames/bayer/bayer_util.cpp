@@ -751,11 +751,11 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     const std::int32_t upper = ((std::int32_t{1} << sampleBits) - 1) >> shift;
 
     const PaddedMosaic<T> padded = paddedStorage<T>(height, width);
-    // Each task writes the two planes it computes, column by column, into storage of its own;
-    // once all have finished, the host planes interleave the rows of the two tasks sharing each
-    // column, taking the sites' own samples straight from the padded copy. Tasks thus never write
-    // the same cache lines. Columns of sites are padded to whole cache lines, so vector kernels
-    // store whole vectors.
+    // A task writes the two planes it computes, column by column, into storage of its own (unless
+    // it writes the host planes in place, below); once all have finished, those rows go into the
+    // host planes, with the sites' own samples taken straight from the padded copy. Tasks on
+    // different threads thus never write the same cache lines. Columns of sites are padded to
+    // whole cache lines, so vector kernels store whole vectors.
     constexpr std::uint64_t perLine = lineBytes / sizeof(T);
     const std::uint64_t evenSites = (height + 1) / 2, oddSites = height / 2;
     const std::uint64_t columnOf[2] = {(evenSites + perLine - 1) / perLine * perLine,
@@ -796,7 +796,8 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
             const Site& site = sites[t];
             const BayerTBBTask<T> task{height, width, site.column, site.row, 0, upper,
                                        {regions[t][0], regions[t][1], regions[t][2]}, columnOf[t / 2], padded, site.kind,
-                                       &gate, {inPlace ? red : nullptr, green, blue}, &wroteInPlace[t]};
+                                       &gate, {inPlace ? red : nullptr, inPlace ? green : nullptr, inPlace ? blue : nullptr},
+                                       &wroteInPlace[t]};
             handOver(padded.even);
             group.run(task);
         }
