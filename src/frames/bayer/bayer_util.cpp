@@ -10,9 +10,6 @@
 #include <type_traits>
 #include <vector>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
 #endif
@@ -22,11 +19,6 @@
 
 // The vector helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
 #pragma GCC diagnostic ignored "-Wpsabi"
-// GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
-// its own flow analysis then reports as maybe uninitialised.
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
 
 namespace lumoframekit {
 namespace BayerUtil {
@@ -166,15 +158,7 @@ __attribute__((target("avx512f,avx512bw"))) std::uint64_t transposeIntoLinesWide
                     const std::uint64_t r = r0 + g * V + i;
                     groups[g][i] = r < rows ? _mm512_loadu_si512(src + r * srcRowBytes + c0 * sizeof(T)) : _mm512_setzero_si512();
                 }
-                for (std::uint64_t step = 1; step < V; step *= 2) {
-                    __m512i t[V];
-                    for (std::uint64_t i = 0; i < V / 2; ++i) {
-                        const __m512i a = groups[g][i], b = groups[g][i + V / 2];
-                        t[2 * i] = sizeof(T) == 1 ? _mm512_unpacklo_epi8(a, b) : _mm512_unpacklo_epi16(a, b);
-                        t[2 * i + 1] = sizeof(T) == 1 ? _mm512_unpackhi_epi8(a, b) : _mm512_unpackhi_epi16(a, b);
-                    }
-                    for (std::uint64_t i = 0; i < V; ++i) groups[g][i] = t[i];
-                }
+                transposeVectors512<sizeof(T)>(groups[g]);
             }
             for (std::uint64_t k = 0; k < V; ++k) {
                 // Part q of every group's vector k, gathered: the line of column c0 + q * V + k.
@@ -406,8 +390,6 @@ void portableColumns(const BayerTBBTask<T>& task) {
 
 // The same kernels on 256-bit vectors, for processors with AVX2 (chosen at run time). Each step
 // covers two vectors of wide lanes, packed back into one vector of samples.
-#define LUMO_AVX2 __attribute__((target("avx2"), always_inline)) inline
-
 template <typename T>
 struct Wide;
 
@@ -479,7 +461,7 @@ LUMO_AVX2 void wideSites(const T* s, const T* o, std::uint64_t stride, __m256i& 
 // stream them to memory, so that their lines are not then claimed from another core's cache;
 // tasks on the calling thread leave them cached for it.
 template <typename T>
-__attribute__((target("avx2"), always_inline)) inline void storeVector(T* at, __m256i v, bool stream) {
+LUMO_AVX2 void storeVector(T* at, __m256i v, bool stream) {
     if (stream) _mm256_stream_si256(reinterpret_cast<__m256i*>(at), v);
     else _mm256_store_si256(reinterpret_cast<__m256i*>(at), v);
 }
@@ -515,7 +497,6 @@ __attribute__((target("avx2"))) void wideColumns(const BayerTBBTask<T>& task) {
 
 // The same on 512-bit vectors, for processors with AVX-512 BW: one vector of wide lanes per step,
 // narrowed into a 256-bit vector of samples.
-#define LUMO_AVX512 __attribute__((target("avx512f,avx512bw"), always_inline)) inline
 
 template <typename T>
 struct Widest;

@@ -4,19 +4,8 @@
 #include <utility>
 #include <vector>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
-
 #include "frames/core/transpose.h"
 #include "frames/core/vector_transpose.h"
-
-// GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
-// its own flow analysis then reports as (maybe) uninitialised.
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#endif
 
 namespace lumoframekit {
 
@@ -61,15 +50,7 @@ __attribute__((target("avx2"))) void transposeBlock256(const std::uint8_t* const
         __m256i v[16];
         for (std::size_t i = 0; i < 16; ++i)
             v[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(rows[i] + at + 32 * k));
-        // Rounds of interleaving row i with row i + 8, as the 128-bit transpose does.
-        for (int round = 0; round < 4; ++round) {
-            __m256i t[16];
-            for (int i = 0; i < 8; ++i) {
-                t[2 * i] = _mm256_unpacklo_epi8(v[i], v[i + 8]);
-                t[2 * i + 1] = _mm256_unpackhi_epi8(v[i], v[i + 8]);
-            }
-            for (int i = 0; i < 16; ++i) v[i] = t[i];
-        }
+        transposeVectors256<1>(v);
         for (std::size_t e = 0; e < 16; ++e) _mm256_store_si256(reinterpret_cast<__m256i*>(block + (16 * k + e) * 32), v[e]);
     }
 }
@@ -79,14 +60,7 @@ __attribute__((target("avx512f,avx512bw"))) void transposeBlock512(const std::ui
     for (std::size_t k = 0; k < vectors; ++k) {
         __m512i v[16];
         for (std::size_t i = 0; i < 16; ++i) v[i] = _mm512_loadu_si512(rows[i] + at + 64 * k);
-        for (int round = 0; round < 4; ++round) {
-            __m512i t[16];
-            for (int i = 0; i < 8; ++i) {
-                t[2 * i] = _mm512_unpacklo_epi8(v[i], v[i + 8]);
-                t[2 * i + 1] = _mm512_unpackhi_epi8(v[i], v[i + 8]);
-            }
-            for (int i = 0; i < 16; ++i) v[i] = t[i];
-        }
+        transposeVectors512<1>(v);
         for (std::size_t e = 0; e < 16; ++e) _mm512_store_si512(block + (16 * k + e) * 64, v[e]);
     }
 }
@@ -96,10 +70,8 @@ __attribute__((target("avx512f,avx512bw"))) void transposeBlock512(const std::ui
 // straight from the registers: every piece's group and byte within the group are known when the
 // code is built, so each store needs only the column its byte goes to (columnOf[r * P + j], the
 // j-th pixel reading byte r of a group, null when none does) and the group's distance.
-#define LUMO_AVX512_INLINE __attribute__((target("avx512f,avx512bw"), always_inline)) inline
-
 template <std::size_t G, std::size_t P, std::size_t K, std::size_t B>
-LUMO_AVX512_INLINE void storeGroupPiece(const __m512i* v, std::uint8_t* const* columnOf, std::size_t groupStride) {
+LUMO_AVX512 void storeGroupPiece(const __m512i* v, std::uint8_t* const* columnOf, std::size_t groupStride) {
     constexpr std::size_t b = 64 * K + B;  // byte of the block row
     if constexpr (b < 64 / P * G) {
         constexpr std::size_t group = b / G, r = b % G;
@@ -111,29 +83,22 @@ LUMO_AVX512_INLINE void storeGroupPiece(const __m512i* v, std::uint8_t* const* c
 }
 
 template <std::size_t G, std::size_t P, std::size_t K, std::size_t... B>
-LUMO_AVX512_INLINE void storeGroupPieces(const __m512i* v, std::uint8_t* const* columnOf, std::size_t groupStride,
+LUMO_AVX512 void storeGroupPieces(const __m512i* v, std::uint8_t* const* columnOf, std::size_t groupStride,
                                          std::index_sequence<B...>) {
     (storeGroupPiece<G, P, K, B>(v, columnOf, groupStride), ...);
 }
 
 template <std::size_t G, std::size_t P, std::size_t K>
-LUMO_AVX512_INLINE void splitGroupVector(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+LUMO_AVX512 void splitGroupVector(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
                                          std::size_t groupStride) {
     __m512i v[16];
     for (std::size_t i = 0; i < 16; ++i) v[i] = _mm512_loadu_si512(rows[i] + at + 64 * K);
-    for (int round = 0; round < 4; ++round) {
-        __m512i t[16];
-        for (int i = 0; i < 8; ++i) {
-            t[2 * i] = _mm512_unpacklo_epi8(v[i], v[i + 8]);
-            t[2 * i + 1] = _mm512_unpackhi_epi8(v[i], v[i + 8]);
-        }
-        for (int i = 0; i < 16; ++i) v[i] = t[i];
-    }
+    transposeVectors512<1>(v);
     storeGroupPieces<G, P, K>(v, columnOf, groupStride, std::make_index_sequence<64>{});
 }
 
 template <std::size_t G, std::size_t P, std::size_t... K>
-LUMO_AVX512_INLINE void splitGroupVectors(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+LUMO_AVX512 void splitGroupVectors(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
                                           std::size_t groupStride, std::index_sequence<K...>) {
     (splitGroupVector<G, P, K>(rows, at, columnOf, groupStride), ...);
 }

@@ -6,17 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
-
-// GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
-// its own flow analysis then reports as (maybe) uninitialised.
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#endif
-
 namespace lumoframekit {
 
 namespace {
@@ -118,31 +107,19 @@ void transposeVector(const std::uint8_t* src, std::size_t srcRowBytes, std::uint
 // The same on 512-bit vectors (AVX-512 BW): a vector holds four 16-byte chunks of a row, which
 // the transpose keeps apart in its four parts, so a block is V rows by 4V samples (one cache line
 // of each row) and each transposed vector gives four column pieces.
-#define LUMO_AVX512 __attribute__((target("avx512f,avx512bw"), always_inline)) inline
-
+// The byte shuffle that reverses each N-byte sample within every 16-byte part.
 template <int N>
-LUMO_AVX512 void transposeWidest(__m512i* v) {
-    constexpr int V = 16 / N;
-    __m512i t[V];
-    for (int step = 0; (1 << step) < V; ++step) {
-        for (int i = 0; i < V / 2; ++i) {
-            if constexpr (N == 1) t[2 * i] = _mm512_unpacklo_epi8(v[i], v[i + V / 2]), t[2 * i + 1] = _mm512_unpackhi_epi8(v[i], v[i + V / 2]);
-            else if constexpr (N == 2) t[2 * i] = _mm512_unpacklo_epi16(v[i], v[i + V / 2]), t[2 * i + 1] = _mm512_unpackhi_epi16(v[i], v[i + V / 2]);
-            else if constexpr (N == 4) t[2 * i] = _mm512_unpacklo_epi32(v[i], v[i + V / 2]), t[2 * i + 1] = _mm512_unpackhi_epi32(v[i], v[i + V / 2]);
-            else t[2 * i] = _mm512_unpacklo_epi64(v[i], v[i + V / 2]), t[2 * i + 1] = _mm512_unpackhi_epi64(v[i], v[i + V / 2]);
-        }
-        for (int i = 0; i < V; ++i) v[i] = t[i];
-    }
+LUMO_AVX512 __m512i byteSwapOrder() {
+    alignas(16) std::int8_t order[16];
+    for (int i = 0; i < 16; ++i) order[i] = static_cast<std::int8_t>(i / N * N + (N - 1 - i % N));
+    return _mm512_broadcast_i32x4(_mm_load_si128(reinterpret_cast<const __m128i*>(order)));
 }
 
 template <int N>
-LUMO_AVX512 __m512i applyWidest(__m512i v, SampleOp op) {
+LUMO_AVX512 __m512i applyWidest(__m512i v, SampleOp op, __m512i swapOrder) {
     if (op == SampleOp::Complement) return _mm512_ternarylogic_epi32(v, v, v, 0x55);
     if (N == 1 || op != SampleOp::ByteSwap) return v;
-    // Each sample's bytes reversed, within every 16-byte part.
-    alignas(16) std::int8_t order[16];
-    for (int i = 0; i < 16; ++i) order[i] = static_cast<std::int8_t>(i / N * N + (N - 1 - i % N));
-    return _mm512_shuffle_epi8(v, _mm512_broadcast_i32x4(_mm_load_si128(reinterpret_cast<const __m128i*>(order))));
+    return _mm512_shuffle_epi8(v, swapOrder);
 }
 
 template <int N>
@@ -151,6 +128,7 @@ __attribute__((target("avx512f,avx512bw"))) void transposeWidestBlocks(const std
                                                                        std::size_t rows, std::size_t fullRows,
                                                                        std::size_t fullCols, bool flip, SampleOp op) {
     constexpr std::size_t V = 16 / N;
+    const __m512i swapOrder = byteSwapOrder<N>();
     for (std::size_t c0 = 0; c0 < fullCols; c0 += 4 * V)
         for (std::size_t r0 = 0; r0 < fullRows; r0 += V) {
             __m512i v[V];
@@ -158,11 +136,10 @@ __attribute__((target("avx512f,avx512bw"))) void transposeWidestBlocks(const std
                 const std::size_t row = flip ? rows - 1 - (r0 + i) : r0 + i;
                 v[i] = _mm512_loadu_si512(src + row * srcRowBytes + c0 * N);
             }
-            transposeWidest<N>(v);
+            transposeVectors512<N>(v);
             for (std::size_t k = 0; k < V; ++k) {
-                const __m512i out = applyWidest<N>(v[k], op);
-                const __m128i parts[4] = {_mm512_castsi512_si128(out), _mm512_extracti32x4_epi32(out, 1),
-                                          _mm512_extracti32x4_epi32(out, 2), _mm512_extracti32x4_epi32(out, 3)};
+                __m128i parts[4];
+                splitParts(applyWidest<N>(v[k], op, swapOrder), parts);
                 for (std::size_t q = 0; q < 4; ++q) {
                     auto* at = reinterpret_cast<__m128i*>(dst + ((c0 + q * V + k) * dstColumn + r0) * N);
                     if (N == 8 && (reinterpret_cast<std::uintptr_t>(at) & 15) == 0) _mm_stream_si128(at, parts[q]);

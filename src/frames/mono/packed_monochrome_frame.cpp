@@ -5,19 +5,8 @@
 #include <stdexcept>
 #include <vector>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
-
 #include "frames/core/transpose.h"
 #include "frames/core/vector_transpose.h"
-
-// GCC 12's 512-bit intrinsics pass an undefined vector through their unused mask operand, which
-// its own flow analysis then reports as (maybe) uninitialised.
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#endif
 
 namespace lumoframekit {
 
@@ -118,8 +107,6 @@ __attribute__((target("ssse3"))) void unpackBlocks(std::uint16_t* out, const std
 
 // The same on 512-bit vectors (AVX-512 BW): 32 pixels, four groups, one group per 128-bit part,
 // each decoded as decodeEight does.
-#define LUMO_AVX512 __attribute__((target("avx512f,avx512bw"), always_inline)) inline
-
 LUMO_AVX512 __m512i everyPart(__m128i v) { return _mm512_broadcast_i32x4(v); }
 
 template <Packing P>
@@ -170,17 +157,10 @@ __attribute__((target("avx512f,avx512bw"))) std::size_t unpackWidestBlocks(std::
         for (std::size_t c0 = 0; c0 < columns; c0 += 32) {
             __m512i v[8];
             for (std::size_t i = 0; i < 8; ++i) v[i] = decodeThirtyTwo<P>(rows + i * rowBytes + c0 / 8 * groupBytes);
-            for (int step = 0; step < 3; ++step) {
-                __m512i t[8];
-                for (int i = 0; i < 4; ++i) {
-                    t[2 * i] = _mm512_unpacklo_epi16(v[i], v[i + 4]);
-                    t[2 * i + 1] = _mm512_unpackhi_epi16(v[i], v[i + 4]);
-                }
-                for (int i = 0; i < 8; ++i) v[i] = t[i];
-            }
+            transposeVectors512<2>(v);
             for (std::size_t k = 0; k < 8; ++k) {
-                const __m128i parts[4] = {_mm512_castsi512_si128(v[k]), _mm512_extracti32x4_epi32(v[k], 1),
-                                          _mm512_extracti32x4_epi32(v[k], 2), _mm512_extracti32x4_epi32(v[k], 3)};
+                __m128i parts[4];
+                splitParts(v[k], parts);
                 for (std::size_t q = 0; q < 4; ++q) {
                     const std::size_t c = c0 + 8 * q + k;
                     if (c >= first) _mm_storeu_si128(reinterpret_cast<__m128i*>(target + ((c - first) * height + r0) * 2), parts[q]);
