@@ -23,10 +23,11 @@ public:
     std::uint8_t* copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,
                                      std::uint32_t xOffset, std::uint32_t yOffset) override;
     bool isBufferAllocated() const override;
-    // In color space 2 (always, outside getDataInColorSpace): three demosaiced planes, either
-    // named {r, g, b, nullptr} or back to back behind {p, nullptr}. In color space 1: the mosaic.
+    // In color space 2 (as made): three demosaiced planes, either named {r, g, b, nullptr} or back
+    // to back behind {p, nullptr}. In any other color space the host sets: the mosaic.
     void getData(void** dest) override;
-    // Color space 1 gives the raw mosaic, anything else works on the demosaiced planes.
+    // Color space 1 gives the raw mosaic (one band), anything else works on the demosaiced
+    // planes. The frame is only read, so several threads may call it at once.
     void getDataInColorSpace(void** result, FrameDims* outDims, std::uint32_t requested, const std::int32_t* dataType,
                              std::uint32_t alignment, HostAllocator* allocator) override;
     std::int32_t getDataType() const override;
@@ -38,7 +39,7 @@ public:
     std::uint32_t getAlignment() const { return alignment; }
 
 private:
-    FrameDims dims;  // bands 3, or 1 while the mosaic is being delivered
+    FrameDims dims;  // bands 3
     std::uint32_t bitsPerBand;
     std::uint32_t bytesPerSample;
     std::uint32_t alignment;

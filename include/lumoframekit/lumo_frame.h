@@ -13,6 +13,8 @@ namespace lumoframekit {
 // reference count, time value and the links to a pool and a memory limiter. The format families
 // derive from it and give its pure operations.
 class LUMOFRAMEKIT_API LUMOFrame : public IFrame {
+    friend class LUMOFramePool;
+
 public:
     // Tells the pool (if any) to forget the frame, frees the buffer (crediting the limiter) and
     // deletes the metadata. Never throws.
@@ -63,11 +65,18 @@ protected:
     // sign-extended: a product of 2^31 or more becomes a huge size that no allocation satisfies.
     LUMOFrame(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel, std::uint32_t initialColorSpace);
 
-    // Obtains the buffer once, under the limiter when one is set; every size is asked of the
-    // virtual getBufferSize so that families with their own size rule are charged correctly.
+    // Obtains a buffer of getBufferSize() bytes, under the limiter when one is set. A buffer kept
+    // from before is reused while it is large enough and replaced when the size has grown since.
     void allocateFrameBuffer();
-    // Releases the buffer and credits the limiter with the current getBufferSize().
+    // Releases the buffer and credits exactly what its allocation charged, to the limiter it was
+    // charged to.
     void freeFrameBuffer();
+    // Delivers the array that source.getData writes (its dimensions, holding data of color space
+    // `space`) in the requested color space and element type: the shared conversion behind every
+    // getDataInColorSpace. source is this frame or the frame holding its pixels.
+    void deliverInColorSpace(IFrame& source, std::uint32_t space, void** result, FrameDims* outDims,
+                             std::uint32_t requested, const std::int32_t* dataType, std::uint32_t alignment,
+                             HostAllocator* allocator);
     // Fills the buffer with height rows of width pixels of bytesPerPixel bytes taken from a
     // srcWidth x srcHeight image at (x, y), y counted from the top of the image; a bottom-up source
     // holds its top rows last. A region outside the source copies nothing and gives null.
@@ -97,9 +106,21 @@ protected:
     // Zeroed bytes allocated after the buffer and never charged to the limiter, for families whose
     // reads may run a little past the end of the buffer.
     std::uint32_t bufferSlack;
+    // The color space the format gives, whatever the host sets later.
+    std::uint32_t formatColorSpace;
+    // The geometry is negative or its bytes do not fit the 32-bit size rule: no buffer holds the
+    // image, and conversions give nothing.
+    bool geometryWrapped;
 
 private:
     void takeBuffer(std::uint64_t size);
+    // A pooled frame handed to a new holder: no metadata, time stamp 0, count 0, the format's
+    // color space.
+    void prepareForReuse();
+
+    // What the current buffer's allocation charged, and to which limiter (null: nothing).
+    std::uint64_t chargedBytes;
+    IMemoryLimiter* chargedLimiter;
 };
 
 }  // namespace lumoframekit

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "lumoframekit/lumo_frame.h"
 #include "rigutil/rg_exception.h"
 
 namespace lumoframekit {
@@ -28,9 +29,15 @@ private:
     LUMOFramePool* pool;
 };
 
-// Removes every entry equal to frame; the number removed.
-std::uint64_t eraseAll(std::list<IFrame*>& frames, IFrame* frame) {
-    return static_cast<std::uint64_t>(std::erase(frames, frame));
+// Removes every entry of frame; the number removed.
+template <typename Entry>
+std::uint64_t eraseAll(std::list<Entry>& entries, IFrame* frame) {
+    return static_cast<std::uint64_t>(std::erase_if(entries, [frame](const Entry& e) { return e.frame == frame; }));
+}
+
+template <typename Entry>
+auto findFrame(std::list<Entry>& entries, IFrame* frame) {
+    return std::find_if(entries.begin(), entries.end(), [frame](const Entry& e) { return e.frame == frame; });
 }
 
 }  // namespace
@@ -44,8 +51,9 @@ LUMOFramePool::~LUMOFramePool() {
 
 void LUMOFramePool::destroy() { delete this; }
 
-IFrame* LUMOFramePool::newFrame(std::uint32_t type, std::int32_t width, std::int32_t height) {
-    IFrame* frame = frameFactory(static_cast<frametypes::FRAMETYPE>(type), width, height);
+IFrame* LUMOFramePool::newFrame(const Format& format) {
+    IFrame* frame = frameFactory(static_cast<frametypes::FRAMETYPE>(format.type), static_cast<std::int32_t>(format.width),
+                                 static_cast<std::int32_t>(format.height));
     if (frame != nullptr) {
         frame->setFramePool(this);
         frame->setMemoryLimiter(memoryLimiter);
@@ -53,23 +61,33 @@ IFrame* LUMOFramePool::newFrame(std::uint32_t type, std::int32_t width, std::int
     return frame;
 }
 
+void LUMOFramePool::discard(IFrame* frame) {
+    frame->setFramePool(nullptr);
+    delete frame;
+}
+
 IFrame* LUMOFramePool::getFrame(std::uint32_t type, std::int32_t width, std::int32_t height) {
-    IFrame* frame;
+    const Format format{type, static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height)};
+    IFrame* frame = nullptr;
     {
         rigutil::RGAutoCriticalSection guard(listLock);
-        const bool sameFormat = type == frameType && static_cast<std::uint32_t>(width) == frameWidth &&
-                                static_cast<std::uint32_t>(height) == frameHeight;
+        const bool sameFormat = format == Format{frameType, frameWidth, frameHeight};
         if (freeFrames.empty() || !sameFormat) {
-            frame = newFrame(type, width, height);
+            frame = newFrame(format);
         } else {
-            frame = freeFrames.front();
+            frame = freeFrames.front().frame;
             freeFrames.pop_front();
             --freeCount;
+            // Nothing of the last holder's reaches the next one, and the pool's limiter counts it.
+            static_cast<LUMOFrame*>(frame)->prepareForReuse();
+            frame->setMemoryLimiter(memoryLimiter);
         }
         // Recorded while the list lock is still held, so that host threads never change the list
-        // at the same time.
-        usedFrames.push_back(frame);
-        ++usedCount;
+        // at the same time. A null frame (a code the factory does not know) is not recorded.
+        if (frame != nullptr) {
+            usedFrames.push_back({frame, format});
+            ++usedCount;
+        }
     }
     postCheck();
     return frame;
@@ -77,15 +95,13 @@ IFrame* LUMOFramePool::getFrame(std::uint32_t type, std::int32_t width, std::int
 
 void LUMOFramePool::returnFrame(IFrame* frame) {
     if (frame == nullptr) return;
-    if (frame->isBufferAllocated() && reserverThread.getState() == rigutil::WorkThread::Running) {
-        if (addFreeFrame(frame)) {
-            postCheck();
-            return;
-        }
+    switch (addFreeFrame(frame)) {
+        case Filed::Kept: postCheck(); return;
+        case Filed::AlreadyFree: return;
+        case Filed::Discard: break;
     }
     removeFrame(frame);
-    frame->setFramePool(nullptr);
-    delete frame;
+    discard(frame);
 }
 
 void LUMOFramePool::removeFrame(IFrame* frame) {
@@ -101,48 +117,58 @@ std::uint64_t LUMOFramePool::getFreeFrameCount() {
 
 void LUMOFramePool::clear() {
     rigutil::RGAutoCriticalSection guard(listLock);
-    for (IFrame* frame : freeFrames) {
-        frame->setFramePool(nullptr);
-        delete frame;
-    }
+    for (const Entry& entry : freeFrames) discard(entry.frame);
     // Frames in use stay with their holders and delete themselves when released.
-    for (IFrame* frame : usedFrames)
-        if (frame != nullptr) frame->setFramePool(nullptr);
+    for (const Entry& entry : usedFrames) entry.frame->setFramePool(nullptr);
     freeFrames.clear();
     usedFrames.clear();
     freeCount = usedCount = 0;
 }
 
-bool LUMOFramePool::addFreeFrame(IFrame* frame) {
-    const std::uint32_t type = frame->getFrameType();
-    const FrameDims dims = *frame->getDimensions();
+LUMOFramePool::Filed LUMOFramePool::addFreeFrame(IFrame* frame) {
+    const bool keep = frame->isBufferAllocated() && reserverThread.getState() == rigutil::WorkThread::Running;
     rigutil::RGAutoCriticalSection guard(listLock);
     // A frame detached by a clear on another thread while it was being returned belongs to its
     // holder now: taking it back would let a later clear delete it under a new holder.
-    if (frame->getFramePool() != this) return false;
+    if (frame->getFramePool() != this) return Filed::Discard;
+    // A second release of a frame already filed changes nothing: it is handed out once.
+    if (findFrame(freeFrames, frame) != freeFrames.end()) return Filed::AlreadyFree;
+    const auto used = findFrame(usedFrames, frame);
+    if (used == usedFrames.end()) return Filed::Discard;
+    const Format format = used->format;
+    // A frame retyped by its holder no longer delivers what its format's holders expect.
+    if (!keep || frame->getFrameType() != format.type) return Filed::Discard;
     usedCount -= eraseAll(usedFrames, frame);
-    if (type != frameType || dims.width != frameWidth || dims.height != frameHeight) {
+    if (!(format == Format{frameType, frameWidth, frameHeight})) {
         if (!freeFrames.empty()) clear();
-        frameType = type;
-        frameWidth = dims.width;
-        frameHeight = dims.height;
+        frameType = format.type;
+        frameWidth = format.width;
+        frameHeight = format.height;
     }
-    freeFrames.push_front(frame);
+    freeFrames.push_front({frame, format});
     ++freeCount;
-    return true;
+    return Filed::Kept;
 }
 
 void LUMOFramePool::reserveFrames(std::uint64_t count) {
     for (std::uint64_t i = 0; i < count; ++i) {
-        std::uint32_t type, width, height;
+        Format format;
         {
             rigutil::RGAutoCriticalSection guard(listLock);
-            type = frameType, width = frameWidth, height = frameHeight;
+            format = {frameType, frameWidth, frameHeight};
         }
-        if (type == 0) return;
+        if (format.type == 0) return;
         // Made outside the pool's locks; the buffer comes when the frame is filled.
-        IFrame* frame = newFrame(type, static_cast<std::int32_t>(width), static_cast<std::int32_t>(height));
-        if (frame != nullptr) addFreeFrame(frame);
+        IFrame* frame = newFrame(format);
+        if (frame == nullptr) continue;
+        rigutil::RGAutoCriticalSection guard(listLock);
+        // The format may have changed while the frame was made.
+        if (!(format == Format{frameType, frameWidth, frameHeight})) {
+            discard(frame);
+            return;
+        }
+        freeFrames.push_front({frame, format});
+        ++freeCount;
     }
 }
 
@@ -150,11 +176,10 @@ void LUMOFramePool::discardFrames(std::uint64_t count) {
     rigutil::RGAutoCriticalSection guard(listLock);
     if (frameType == 0) return;
     for (std::uint64_t n = std::min(freeCount, count); n > 0; --n) {
-        IFrame* frame = freeFrames.front();
-        frame->setFramePool(nullptr);
-        delete frame;
+        IFrame* frame = freeFrames.front().frame;
         freeFrames.pop_front();
         --freeCount;
+        discard(frame);
     }
 }
 

@@ -34,10 +34,21 @@ public:
     // cannot be left half destroyed.
     ~LUMOFramePool() override;
 
-    // Takes a frame into the free list, most recent first; a frame of another format first
-    // empties the free list and becomes the pool's format. False, and nothing done, for a frame
-    // that no longer names this pool.
-    bool addFreeFrame(IFrame* frame);
+    // The format a frame was made for: frame type code, width and height.
+    struct Format {
+        std::uint32_t type = 0;
+        std::uint32_t width = 0;
+        std::uint32_t height = 0;
+        bool operator==(const Format&) const = default;
+    };
+    // What became of a frame given back.
+    enum class Filed { Kept, AlreadyFree, Discard };
+    // Takes a returned frame into the free list, most recent first, filed under the format it was
+    // made for; a frame of another format first empties the free list and becomes the pool's
+    // format. A frame the pool does not hold in use (detached, or one it never handed out), one
+    // without a buffer, one returned while the reserver is stopped and one whose type was changed
+    // since are to be discarded; a frame already on the free list stays there once.
+    Filed addFreeFrame(IFrame* frame);
     // Makes count frames of the pool's format, without buffers, for the free list.
     void reserveFrames(std::uint64_t count);
     // Deletes up to count free frames, most recently returned first.
@@ -46,13 +57,20 @@ public:
     std::pair<std::uint64_t, std::uint64_t> bounds();
 
 private:
+    struct Entry {
+        IFrame* frame;
+        Format format;
+    };
+
     void postCheck();
-    IFrame* newFrame(std::uint32_t frameType, std::int32_t width, std::int32_t height);
+    IFrame* newFrame(const Format& format);
+    // Deletes a frame the pool holds no longer.
+    static void discard(IFrame* frame);
 
     rigutil::EventThread reserverThread;
-    std::list<IFrame*> freeFrames;
+    std::list<Entry> freeFrames;
     std::uint64_t freeCount = 0;
-    std::list<IFrame*> usedFrames;
+    std::list<Entry> usedFrames;
     std::uint64_t usedCount = 0;
     std::uint32_t frameWidth = 0;
     std::uint32_t frameHeight = 0;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <random>
 #include <vector>
@@ -168,18 +169,34 @@ TEST(PackedMonochrome, InconsistentGeometriesStayInsideTheirBuffers) {
             EXPECT_LE(v, 0xFFF);
         }
     }
-    // A buffer allocated before any region copy is too small for a padded region: nothing copied.
+    // A buffer allocated before any region copy is too small for a padded region: it is replaced,
+    // so a fill of getBufferSize() bytes always fits what allocateBuffer() returns.
     FramePtr early = make(0x11010019, 3, 2);
     ASSERT_NE(early->allocateBuffer(), nullptr);
-    EXPECT_EQ(early->copyRegionToBuffer(src.data(), 4, 2, 0, 0), nullptr);
-    // Without a region copy the unpacking still stays inside the buffer.
+    EXPECT_EQ(early->getBufferSize(), 9u);
+    ASSERT_NE(early->copyRegionToBuffer(src.data(), 8, 4, 5, 1), nullptr);
+    ASSERT_EQ(early->getBufferSize(), 15u);  // (3 + 1 + 1) * 2 * 3 / 2
+    auto exact = std::make_unique<std::uint8_t[]>(early->getBufferSize());
+    std::memcpy(early->allocateBuffer(), exact.get(), early->getBufferSize());
     EXPECT_EQ(unpacked(*early).size(), 6u);
-    // A region with pads reports a larger size than the kept buffer holds: filling it from a
-    // source of that size writes no further than the buffer.
-    early->copyRegionToBuffer(src.data(), 8, 4, 5, 1);
-    ASSERT_GT(early->getBufferSize(), 9u);
-    early->setBufferData(src.data());
-    EXPECT_TRUE(early->isBufferAllocated());
+}
+
+TEST(PackedMonochrome, WholeFramesOfPartialGroupsCopyEveryRow) {
+    // Odd widths (2-in-3) and widths not a multiple of 4 (4-in-5): the last row of a whole-frame
+    // copy reaches past the source's packed bytes, read as zeros; ASan sees every read.
+    for (auto [code, w, h] : {std::tuple{0x11010019u, 3, 2}, {0x11010018u, 5, 3}, {0x11010023u, 6, 2},
+                              {0x11010023u, 7, 3}, {0x11010024u, 1, 4}}) {
+        FramePtr frame = make(code, w, h);
+        const bool fourInFive = code == 0x11010023u;
+        const std::size_t rowBytes = static_cast<std::size_t>(w) * (fourInFive ? 5 : 3) / (fourInFive ? 4 : 2);
+        auto src = std::make_unique<std::uint8_t[]>(rowBytes * h);
+        std::memset(src.get(), 0xFF, rowBytes * h);
+        ASSERT_NE(frame->copyRegionToBuffer(src.get(), w, h, 0, 0), nullptr) << std::hex << code << " " << w;
+        const auto out = unpacked(*frame);
+        ASSERT_EQ(out.size(), static_cast<std::size_t>(w * h));
+        // Rows before the last are read whole from the source: their first pixel is all ones.
+        for (int y = 0; y + 1 < h; ++y) EXPECT_EQ(out[y], fourInFive ? 0x3FF : (code == 0x11010018u ? 0x3FF : 0xFFF));
+    }
 }
 
 TEST(PackedMonochrome, RegionsOutsideTheSourceAreRefused) {

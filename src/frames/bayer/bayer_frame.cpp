@@ -118,20 +118,13 @@ void BayerFrame::getData(void** dest) {
 
 void BayerFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint32_t requested,
                                      const std::int32_t* dataType, std::uint32_t pattern, HostAllocator* allocator) {
-    // The mosaic is delivered by switching to one band for the duration of the call; the switch is
-    // undone however the call ends.
-    struct Restore {
-        BayerFrame& frame;
-        ~Restore() {
-            frame.setColorSpace(COLORSPACE_RGB);
-            frame.dims.bands = 3;
-        }
-    } restore{*this};
-    if (requested == COLORSPACE_MONO) {
-        setColorSpace(COLORSPACE_MONO);
-        dims.bands = 1;
-    }
-    LUMOFrame::getDataInColorSpace(result, outDims, requested, dataType, pattern, allocator);
+    // The mosaic comes straight from the inner frame, so the frame itself never changes and other
+    // threads may read it meanwhile. getData gives the mosaic too once the host has set a color
+    // space other than RGB.
+    if (requested == COLORSPACE_MONO || getColorSpace() != COLORSPACE_RGB)
+        deliverInColorSpace(*inner, COLORSPACE_MONO, result, outDims, requested, dataType, pattern, allocator);
+    else
+        deliverInColorSpace(*this, COLORSPACE_RGB, result, outDims, requested, dataType, pattern, allocator);
 }
 
 }  // namespace lumoframekit

@@ -1,9 +1,12 @@
 #include "frames/bayer/bayer_util.h"
 
+#include <oneapi/tbb/task_arena.h>
 #include <oneapi/tbb/task_group.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <deque>
 #include <cstring>
 #include <new>
 #include <thread>
@@ -121,22 +124,50 @@ std::uint64_t parityStride(std::uint64_t height) {
 }
 
 // Working memory of the demosaics run on one thread, kept between calls: a stream of frames then
-// reuses the same pages instead of faulting fresh ones in for every image. The count elements
-// returned start on a cache line.
-template <typename T>
-T* workspace(std::uint64_t count, int which) {
-    constexpr std::uint64_t perLine = lineBytes / sizeof(T);
-    thread_local std::vector<T> spaces[2];
-    std::vector<T>& space = spaces[which];
-    if (space.size() < count + perLine) {
-        space.clear();
-        space.shrink_to_fit();
-        space.resize(count + perLine);
+// reuses the same pages instead of faulting fresh ones in for every image. A demosaic that starts
+// on a thread while another still holds that thread's memory (a nested call) takes a set of its
+// own, so no call ever overwrites memory that another's tasks are reading.
+class Workspace {
+public:
+    Workspace() : depth_(depth()) {
+        std::deque<Set>& sets = setsOfThread();
+        if (sets.size() <= depth_) sets.emplace_back();
+        set_ = &sets[depth_];
+        ++depth();
     }
-    const auto address = reinterpret_cast<std::uintptr_t>(space.data());
-    const std::uint64_t skip = (lineBytes - address % lineBytes) % lineBytes / sizeof(T);
-    return space.data() + skip;
-}
+    Workspace(const Workspace&) = delete;
+    Workspace& operator=(const Workspace&) = delete;
+    ~Workspace() { --depth(); }
+
+    // count elements of space `which` (0 or 1), starting on a cache line.
+    template <typename T>
+    T* get(std::uint64_t count, int which) {
+        std::vector<std::uint8_t>& space = (*set_)[static_cast<std::size_t>(which)];
+        const std::uint64_t bytes = count * sizeof(T) + lineBytes;
+        if (space.size() < bytes) {
+            space.clear();
+            space.shrink_to_fit();
+            space.resize(bytes);
+        }
+        const auto address = reinterpret_cast<std::uintptr_t>(space.data());
+        const std::uint64_t skip = (lineBytes - address % lineBytes) % lineBytes;
+        return reinterpret_cast<T*>(space.data() + skip);
+    }
+
+private:
+    using Set = std::array<std::vector<std::uint8_t>, 2>;
+    static std::deque<Set>& setsOfThread() {
+        thread_local std::deque<Set> sets;
+        return sets;
+    }
+    static std::size_t& depth() {
+        thread_local std::size_t calls = 0;
+        return calls;
+    }
+
+    std::size_t depth_;
+    Set* set_;
+};
 
 #if defined(__x86_64__)
 // The streamed transpose below on 512-bit vectors: blocks of one output line (64 bytes) of each
@@ -243,11 +274,11 @@ void padColumnEnds(T* even, T* odd, std::uint64_t height) {
 
 // Working memory for the padded mosaic, laid out but not yet written.
 template <typename T>
-PaddedMosaic<T> paddedStorage(std::uint64_t height, std::uint64_t width) {
+PaddedMosaic<T> paddedStorage(Workspace& workspace, std::uint64_t height, std::uint64_t width) {
     const std::uint64_t stride = parityStride<T>(height);
     const std::uint64_t half = stride * (width + 4);
     // Each column's rows from padded row 2 on start on a cache line.
-    T* padded = workspace<T>(2 * half + paddedSlack + lineBytes / sizeof(T), 0) + lineBytes / sizeof(T) - 1;
+    T* padded = workspace.get<T>(2 * half + paddedSlack + lineBytes / sizeof(T), 0) + lineBytes / sizeof(T) - 1;
     return {padded, padded + half, stride};
 }
 
@@ -731,7 +762,8 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     const int shift = std::clamp(sampleBits - static_cast<int>(std::min<std::uint32_t>(bits, 64)), 0, sampleBits);
     const std::int32_t upper = ((std::int32_t{1} << sampleBits) - 1) >> shift;
 
-    const PaddedMosaic<T> padded = paddedStorage<T>(height, width);
+    Workspace workspace;
+    const PaddedMosaic<T> padded = paddedStorage<T>(workspace, height, width);
     // A task writes the two planes it computes, column by column, into storage of its own (unless
     // it writes the host planes in place, below); once all have finished, those rows go into the
     // host planes, with the sites' own samples taken straight from the padded copy. Tasks on
@@ -743,7 +775,7 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
                                        (oddSites + perLine - 1) / perLine * perLine};
     const std::uint64_t columns[2] = {(width + 1) / 2, width / 2};
     T* regions[4][3] = {};
-    T* next = workspace<T>(2 * columnOf[0] * (columns[0] + columns[1]) + 2 * columnOf[1] * (columns[0] + columns[1]), 1);
+    T* next = workspace.get<T>(2 * columnOf[0] * (columns[0] + columns[1]) + 2 * columnOf[1] * (columns[0] + columns[1]), 1);
     const Site sites[4] = {{layouts[alignment][0], 2, 2},
                            {layouts[alignment][1], 2, 3},
                            {layouts[alignment][2], 3, 2},
@@ -764,7 +796,9 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // which reach each of their lines twice, cost more than the planes they save.
     const bool inPlace = sizeof(T) == 1 && widestKernelsAvailable();
     bool wroteInPlace[4] = {false, false, false, false};
-    {
+    // The wait is isolated: while it waits, this thread runs only these four tasks, never another
+    // of the host's own tasks, which could start a demosaic of its own on this thread.
+    oneapi::tbb::this_task_arena::isolate([&] {
         oneapi::tbb::task_group group;
         struct Abandon {
             PaddedGate& gate;
@@ -786,7 +820,7 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
         gate.state.store(PaddedGate::written, std::memory_order_release);
         group.wait();
         takeOver(padded.even);
-    }
+    });
     T* const out[3] = {red, green, blue};
     for (int plane = 0; plane < 3; ++plane)
         for (std::uint64_t x = 0; x < width; ++x) {

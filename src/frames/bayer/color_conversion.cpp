@@ -77,26 +77,53 @@ void rgbToLuma(const std::uint8_t* planes, std::uint8_t* out, std::uint64_t n) {
 
 }  // namespace
 
+namespace {
+
+// Bands an array in a color space holds; 0 for a value that names no single color space.
+std::uint32_t bandsOf(std::uint32_t space) {
+    switch (space) {
+        case COLORSPACE_MONO: return 1;
+        case COLORSPACE_RGB:
+        case COLORSPACE_YUV: return 3;
+        default: return 0;
+    }
+}
+
+}  // namespace
+
 void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint32_t requested,
                                     const std::int32_t* dataType, std::uint32_t alignment, HostAllocator* allocator) {
+    // A color space set by the host is honoured while it describes the bands getData writes;
+    // otherwise the array holds what the format gives.
+    const std::uint32_t set = getColorSpace();
+    const std::uint32_t space = bandsOf(set) == getDimensions()->bands ? set : formatColorSpace;
+    deliverInColorSpace(*this, space, result, outDims, requested, dataType, alignment, allocator);
+}
+
+void LUMOFrame::deliverInColorSpace(IFrame& source, std::uint32_t from, void** result, FrameDims* outDims,
+                                    std::uint32_t requested, const std::int32_t* dataType, std::uint32_t alignment,
+                                    HostAllocator* allocator) {
     static HostAllocator plainArrays;
     HostAllocator& host = allocator != nullptr ? *allocator : plainArrays;
     if (result != nullptr) *result = nullptr;
-    const FrameDims dims = *getDimensions();
+    const FrameDims dims = *source.getDimensions();
     if (outDims != nullptr) *outDims = dims;
 
-    const std::uint32_t bits = getBitsPerBand();
+    // A frame without pixels gives nothing and asks nothing of the host; nor does one whose
+    // geometry no buffer can hold.
+    if (!source.isBufferAllocated() || geometryWrapped) return;
+    const std::uint32_t bits = source.getBitsPerBand();
     const std::uint64_t sampleBytes = (bits + 7) / 8;
+    const std::int32_t type = source.getDataType();
     // A frame without a format of its own (a subtype outside its tables) has no samples to give.
-    if (sampleBytes != elementSize(getDataType())) return;
+    if (sampleBytes != elementSize(type)) return;
     const std::uint64_t n = static_cast<std::uint64_t>(dims.width) * dims.height;
     HostArray data(host, sampleBytes * n * dims.bands);
+    if (data.get() == nullptr) return;
     void* list[] = {data.get(), nullptr};
-    getData(list);
+    source.getData(list);
 
     // Color conversion: the first row of the table that the request matches decides.
-    const std::uint32_t from = getColorSpace();
-    const std::int32_t type = getDataType();
     const bool bytes = type == DATATYPE_UINT8;
     const bool monoType = type == DATATYPE_UINT8 || type == DATATYPE_UINT16;
     std::uint32_t bands = dims.bands;
@@ -112,6 +139,7 @@ void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint
     } else if (from == COLORSPACE_MONO && (requested & COLORSPACE_RGB)) {
         if (!monoType) return;
         HostArray rgb(host, 3 * n * sampleBytes);
+        if (rgb.get() == nullptr) return;
         for (int plane = 0; plane < 3; ++plane)
             std::memcpy(static_cast<std::uint8_t*>(rgb.get()) + plane * n * sampleBytes, samples, n * sampleBytes);
         data.swap(rgb);
@@ -119,6 +147,7 @@ void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint
     } else if (from == COLORSPACE_MONO && (requested & COLORSPACE_YUV)) {
         if (!monoType) return;
         HostArray yuv(host, 3 * n * sampleBytes);
+        if (yuv.get() == nullptr) return;
         if (bytes) monoToYuv(samples, static_cast<std::uint8_t*>(yuv.get()), n);
         else monoToYuv(reinterpret_cast<const std::uint16_t*>(samples), static_cast<std::uint16_t*>(yuv.get()), n);
         data.swap(yuv);
@@ -126,6 +155,7 @@ void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint
     } else if (from == COLORSPACE_MONO && requested == COLORSPACE_DEMOSAIC) {
         if (!monoType) return;
         HostArray rgb(host, 3 * n * sampleBytes);
+        if (rgb.get() == nullptr) return;
         const std::pair<std::uint32_t, std::uint32_t> size{dims.height, dims.width};
         if (bytes) {
             auto* planes = static_cast<std::uint8_t*>(rgb.get());
@@ -140,12 +170,14 @@ void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint
     } else if (from == COLORSPACE_YUV && (requested & COLORSPACE_MONO)) {
         if (!bytes) return;
         HostArray luma(host, n);
+        if (luma.get() == nullptr) return;
         std::memcpy(luma.get(), samples, n);
         data.swap(luma);
         bands = 1;
     } else if (from == COLORSPACE_RGB && (requested & COLORSPACE_MONO)) {
         if (!bytes) return;
         HostArray luma(host, n);
+        if (luma.get() == nullptr) return;
         rgbToLuma(samples, static_cast<std::uint8_t*>(luma.get()), n);
         data.swap(luma);
         bands = 1;
@@ -156,6 +188,7 @@ void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint
     // Element type.
     if (dataType != nullptr && *dataType != type) {
         HostArray converted(host, n * bands * elementSize(*dataType));
+        if (converted.get() == nullptr) return;
         if (*dataType >= 0 && *dataType <= 7 && type >= 0 && type <= 7)
             convertElements(data.get(), type, converted.get(), *dataType, n * bands, bits);
         data.swap(converted);

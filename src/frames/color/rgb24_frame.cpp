@@ -66,7 +66,7 @@ RGB24Frame::RGB24Frame(std::int32_t w, std::int32_t h, std::int32_t sub, bool fl
       height(h),
       rowStride(static_cast<std::int32_t>(static_cast<std::uint32_t>(formatOf(sub).bytesPerPixel) * static_cast<std::uint32_t>(w))),
       bottomUp(flip ? 1 : 0),
-      planeSize(static_cast<std::int64_t>(w) * h * formatOf(sub).bytesPerSample),
+      planeSize(planeBytes(w, h, formatOf(sub).bytesPerSample)),
       subtype(sub),
       tileColumns(0),
       tileRows(0),

@@ -49,7 +49,7 @@ RGB24Planar::RGB24Planar(std::int32_t w, std::int32_t h, std::int32_t sub)
       dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3},
       width(w),
       height(h),
-      planeSize(static_cast<std::int64_t>(w) * h * formatOf(sub).bytesPerSample),
+      planeSize(planeBytes(w, h, formatOf(sub).bytesPerSample)),
       subtype(sub) {}
 
 std::int32_t RGB24Planar::getDataType() const {

@@ -80,7 +80,7 @@ void YUVPackedFrame::layOutRows(std::int32_t groups) {
     const PackedFormat& f = *formatOf(subtype);
     groupsPerRow = groups;
     rowStride = static_cast<std::int32_t>(static_cast<std::uint32_t>(f.bytesPerGroup) * static_cast<std::uint32_t>(groups));
-    tailPad = (groups * f.pixelsPerGroup - width) % f.pixelsPerGroup;
+    tailPad = static_cast<std::int32_t>((static_cast<std::int64_t>(groups) * f.pixelsPerGroup - width) % f.pixelsPerGroup);
     bufferSize = wrappedSize(static_cast<std::int64_t>(rowStride) * height);
 }
 

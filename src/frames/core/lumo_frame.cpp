@@ -25,6 +25,17 @@ std::uint64_t wrappedBufferSize(std::int32_t width, std::int32_t height, std::in
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(product)));
 }
 
+// Whether the exact width * height * bytesPerPixel differs from the wrapped size; negative
+// dimensions describe no image either.
+bool sizeWrapped(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel, std::uint64_t size) {
+    if (width < 0 || height < 0) return true;
+    std::int64_t exact = 0;
+    if (__builtin_mul_overflow(static_cast<std::int64_t>(width), static_cast<std::int64_t>(height), &exact) ||
+        __builtin_mul_overflow(exact, static_cast<std::int64_t>(bytesPerPixel), &exact))
+        return true;
+    return exact != static_cast<std::int64_t>(size);
+}
+
 // Array allocation of a raw buffer. Sizes beyond what an object may span (a wrapped, sign-extended
 // size among them) are refused the way the allocator refuses them, before reaching it.
 std::uint8_t* newBytes(std::uint64_t size) {
@@ -50,7 +61,11 @@ LUMOFrame::LUMOFrame(std::int32_t width, std::int32_t height, std::int32_t bytes
       framePool(nullptr),
       memoryLimiter(nullptr),
       allocatedSize(0),
-      bufferSlack(0) {}
+      bufferSlack(0),
+      formatColorSpace(initialColorSpace),
+      geometryWrapped(sizeWrapped(width, height, bytesPerPixel, bufferSize)),
+      chargedBytes(0),
+      chargedLimiter(nullptr) {}
 
 LUMOFrame::~LUMOFrame() {
     if (FramePool* pool = framePool.load()) pool->removeFrame(this);
@@ -115,20 +130,31 @@ std::uint32_t LUMOFrame::getFrameType() const { return frameType; }
 void LUMOFrame::setFrameType(std::uint32_t value) { frameType = value; }
 
 void LUMOFrame::allocateFrameBuffer() {
-    if (buffer != nullptr) return;
-    if (memoryLimiter == nullptr) {
-        takeBuffer(getBufferSize());
+    const std::uint64_t size = getBufferSize();
+    if (buffer != nullptr) {
+        if (allocatedSize >= size) return;
+        // The size grew since (a region copy added pads): the old buffer cannot hold the frame.
+        freeFrameBuffer();
+    }
+    IMemoryLimiter* const limiter = memoryLimiter;
+    if (limiter == nullptr) {
+        takeBuffer(size);
         return;
     }
-    const std::uint64_t need = memoryLimiter->getMemoryUsed() + getBufferSize();
-    if (memoryLimiter->getMemoryLimit() < need) return;
+    const std::uint64_t need = limiter->getMemoryUsed() + size;
+    if (limiter->getMemoryLimit() < need) return;
     try {
-        takeBuffer(getBufferSize());
+        takeBuffer(size);
     } catch (const std::exception&) {
         // Under a limiter, lack of memory shows as an absent buffer.
     }
     if (buffer == nullptr) return;
-    memoryLimiter->incMemoryUsed(getBufferSize());
+    limiter->incMemoryUsed(size);
+    chargedBytes = size;
+    chargedLimiter = limiter;
+    // Frames on other threads may have charged between the check and this charge: the buffer is
+    // kept only while the count still fits, so the limit holds however many threads allocate.
+    if (limiter->getMemoryUsed() > limiter->getMemoryLimit()) freeFrameBuffer();
 }
 
 void LUMOFrame::takeBuffer(std::uint64_t size) {
@@ -143,7 +169,18 @@ void LUMOFrame::freeFrameBuffer() {
     delete[] buffer;
     buffer = nullptr;
     allocatedSize = 0;
-    if (memoryLimiter != nullptr) memoryLimiter->decMemoryUsed(getBufferSize());
+    if (chargedLimiter != nullptr) chargedLimiter->decMemoryUsed(chargedBytes);
+    chargedLimiter = nullptr;
+    chargedBytes = 0;
+}
+
+void LUMOFrame::prepareForReuse() {
+    for (auto& entry : metaData) delete entry.second;
+    metaData.clear();
+    timeStamp = 0.0;
+    colorSpace = formatColorSpace;
+    rigutil::RGAutoCriticalSection guard(lock);
+    refCount = 0;
 }
 
 std::uint8_t* LUMOFrame::copyRowRegion(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,

@@ -30,6 +30,12 @@ inline std::uint64_t wrappedSize(std::int64_t product) {
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(static_cast<std::uint32_t>(product))));
 }
 
+// Bytes of one plane of width x height samples; 0 for an image without pixels.
+inline std::int64_t planeBytes(std::int32_t width, std::int32_t height, std::int32_t sampleBytes) {
+    if (width <= 0 || height <= 0) return 0;
+    return static_cast<std::int64_t>(width) * height * sampleBytes;
+}
+
 // Rows padded to a multiple of 4 bytes, as a wrapping signed 32-bit product.
 inline std::int64_t alignedRows(std::int64_t rowBytes, std::int64_t rows) {
     const std::uint32_t padded = (static_cast<std::uint32_t>(rowBytes) + 3u) & ~3u;

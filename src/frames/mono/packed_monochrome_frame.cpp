@@ -258,10 +258,13 @@ std::uint8_t* PackedMonochromeFrame::copyRegionToBuffer(const std::uint8_t* src,
     const std::int64_t rowCopy = rowLength * bpg / ppg;
     const std::int64_t stride = static_cast<std::int64_t>(width) * bpg / ppg;
     const std::int64_t srcRowBytes = static_cast<std::int64_t>(srcWidth) * bpg / ppg;
+    const std::int64_t srcBytes = srcRowBytes * static_cast<std::int64_t>(srcHeight);
     const std::int64_t start = static_cast<std::int64_t>(startColumn) * bpg / ppg + srcRowBytes * yOffset;
     const bool copies = width > 0 && height > 0;
-    if (copies && (src == nullptr || stride < 0 ||
-                   start + (height - 1) * stride + rowCopy > srcRowBytes * static_cast<std::int64_t>(srcHeight)))
+    // The region must lie in the source, save the partial group that the last row of a frame whose
+    // width is not a whole number of groups reaches past the source's packed bytes: that part
+    // reads as zeros.
+    if (copies && (src == nullptr || stride < 0 || start + (height - 1) * stride + rowCopy - srcBytes >= bpg))
         return nullptr;
 
     leadPad = lead;
@@ -270,9 +273,13 @@ std::uint8_t* PackedMonochromeFrame::copyRegionToBuffer(const std::uint8_t* src,
     if (target == nullptr || !copies) return target;
     const std::uint64_t copied = static_cast<std::uint64_t>(rowCopy) * static_cast<std::uint64_t>(height);
     if (allocatedSize < copied) return nullptr;
-    const std::uint8_t* from = src + start;
-    for (std::int32_t i = 0; i < height; ++i)
-        std::memcpy(target + i * rowCopy, from + i * stride, static_cast<std::size_t>(rowCopy));
+    for (std::int32_t i = 0; i < height; ++i) {
+        const std::int64_t from = start + i * stride;
+        const std::int64_t inside = std::clamp<std::int64_t>(srcBytes - from, 0, rowCopy);
+        std::uint8_t* row = target + i * rowCopy;
+        if (inside > 0) std::memcpy(row, src + from, static_cast<std::size_t>(inside));
+        std::memset(row + inside, 0, static_cast<std::size_t>(rowCopy - inside));
+    }
     // Pads may make the buffer longer than the rows copied; its tail is zeroed so that no byte
     // the camera never wrote reaches the host.
     std::memset(target + copied, 0, static_cast<std::size_t>(allocatedSize - copied));
