@@ -43,7 +43,7 @@ private:
     std::uint32_t bitsPerBand;
     std::uint32_t bytesPerSample;
     std::uint32_t alignment;
-    IFrame* inner;
+    LUMOFrame* inner;
 };
 
 }  // namespace lumoframekit

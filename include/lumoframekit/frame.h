@@ -19,7 +19,8 @@ struct FrameDims {
 
 // Where getDataInColorSpace takes the host arrays from. The defaults are plain array allocation
 // (new std::uint8_t[bytes]) and release (delete[]); a host derives to use its own memory.
-// allocate may throw; it must not return null for a non-zero size.
+// allocate may throw (the exception reaches the caller, nothing is lost) or return null (the
+// conversion then gives a null result).
 class LUMOFRAMEKIT_API HostAllocator {
 public:
     virtual ~HostAllocator();
@@ -38,6 +39,12 @@ public:
 // {r, g, b, nullptr} names each plane.
 //
 // The order of the virtual operations is part of the binary interface and never changes.
+//
+// Threads: any number of threads may read one frame at once (getData, getDataFromBuffer,
+// getDataInColorSpace and the getters), also while other frames of the same pool are in use.
+// Writes (the buffer operations, metadata, the setters) need the caller's exclusion against every
+// other call on that frame. incRefCount and decRefCount may be called from any thread. Frames
+// work from inside the host's own oneTBB tasks and arenas.
 class LUMOFRAMEKIT_API IFrame {
 public:
     virtual ~IFrame();
@@ -53,7 +60,10 @@ public:
 
     // Raw buffer: allocated on demand, counted against the frame's memory limiter if it has one.
     // Under a limiter a refused or failed allocation gives null; without one std::bad_alloc
-    // reaches the caller.
+    // reaches the caller. allocateBuffer returns a buffer of at least getBufferSize() bytes or
+    // null: a buffer kept from before a region copy that made the size grow is replaced (under
+    // the limiter). A frame credits its limiter exactly what it charged, to the limiter it
+    // charged, whatever is set later; the limiter must outlive the buffer.
     virtual std::uint64_t getBufferSize() const = 0;
     virtual std::uint8_t* allocateBuffer() = 0;
     // Copies getBufferSize() bytes from src into the buffer, allocating it first.
@@ -72,7 +82,10 @@ public:
     // Converts into a newly allocated host array in the requested color space (a ColorSpace flag)
     // and, when dataType is not null, element type (a DataType code). *result receives the array
     // or null when the conversion is not possible; *outDims the dimensions of the result.
-    // allocator may be null for plain array allocation.
+    // allocator may be null for plain array allocation. A frame without pixels (never filled, or
+    // refused by its limiter) gives null and asks nothing of the allocator. The conversion starts
+    // from the color space getColorSpace reports while it matches the bands getData writes, and
+    // from the format's own color space otherwise.
     virtual void getDataInColorSpace(void** result, FrameDims* outDims, std::uint32_t colorSpace,
                                      const std::int32_t* dataType, std::uint32_t alignment,
                                      HostAllocator* allocator) = 0;

@@ -8,14 +8,17 @@ namespace lumoframekit {
 
 class IFrame;
 
-// Recycles frames of one format. The order of the virtual operations is part of the binary
-// interface and never changes.
+// Recycles frames of one format. Every operation may be called from any thread. The order of
+// the virtual operations is part of the binary interface and never changes.
 class LUMOFRAMEKIT_API FramePool {
 public:
-    // A free frame of the format, or a new one from frameFactory (null for an unknown code).
+    // A free frame of the format, or a new one from frameFactory (null for an unknown code). A
+    // recycled frame has no metadata, time stamp 0, reference count 0, its format's color space and
+    // the pool's limiter; its buffer (if any) is kept.
     virtual IFrame* getFrame(std::uint32_t frameType, std::int32_t width, std::int32_t height) = 0;
     // Called by a frame's release(): keeps the frame while the reserver runs and the frame has a
-    // buffer, deletes it otherwise.
+    // buffer, filed under the format it was made for; deletes it otherwise, and when its holder
+    // changed its frame type. A frame already on the free list stays there once.
     virtual void returnFrame(IFrame* frame) = 0;
     // Called by a frame's destructor: forgets the frame.
     virtual void removeFrame(IFrame* frame) = 0;

@@ -73,8 +73,10 @@ protected:
     void freeFrameBuffer();
     // Delivers the array that source.getData writes (its dimensions, holding data of color space
     // `space`) in the requested color space and element type: the shared conversion behind every
-    // getDataInColorSpace. source is this frame or the frame holding its pixels.
-    void deliverInColorSpace(IFrame& source, std::uint32_t space, void** result, FrameDims* outDims,
+    // getDataInColorSpace. source is this frame or the frame holding its pixels, holder the frame
+    // whose buffer holds them.
+    void deliverInColorSpace(IFrame& source, const LUMOFrame& holder, std::uint32_t space, void** result,
+                             FrameDims* outDims,
                              std::uint32_t requested, const std::int32_t* dataType, std::uint32_t alignment,
                              HostAllocator* allocator);
     // Fills the buffer with height rows of width pixels of bytesPerPixel bytes taken from a
@@ -108,9 +110,6 @@ protected:
     std::uint32_t bufferSlack;
     // The color space the format gives, whatever the host sets later.
     std::uint32_t formatColorSpace;
-    // The geometry is negative or its bytes do not fit the 32-bit size rule: no buffer holds the
-    // image, and conversions give nothing.
-    bool geometryWrapped;
 
 private:
     void takeBuffer(std::uint64_t size);

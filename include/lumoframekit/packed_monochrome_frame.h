@@ -22,8 +22,10 @@ public:
     std::uint64_t getBufferSize() const override;
     // Copies whole packing groups: a region starting inside a group starts at the group (a lead
     // pad) and rows are rounded up to whole groups (a trail pad). Source rows are taken to have the
-    // frame's packed length. A region whose bytes would lie outside the source, or a buffer
-    // allocated too small for it before the first region copy, copies nothing and gives null.
+    // frame's packed length. The part of the last group that a frame of a width that is not a
+    // whole number of groups reaches past the source's packed bytes reads as zeros; a region
+    // lying further outside the source copies nothing and gives null. Pads that make the size
+    // grow make the buffer be replaced.
     std::uint8_t* copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,
                                      std::uint32_t xOffset, std::uint32_t yOffset) override;
     // Unpacks into dest[0]: width x height uint16 values, column-major.

@@ -13,7 +13,7 @@ namespace lumoframekit {
 
 namespace {
 
-IFrame* innerFrame(std::int32_t width, std::int32_t height, std::uint32_t bits, bool packed, std::uint32_t variant) {
+LUMOFrame* innerFrame(std::int32_t width, std::int32_t height, std::uint32_t bits, bool packed, std::uint32_t variant) {
     switch (bits) {
         case 8: {
             auto* frame = new MonochromeFrame8bitTopDown(width, height);
@@ -122,9 +122,9 @@ void BayerFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uin
     // threads may read it meanwhile. getData gives the mosaic too once the host has set a color
     // space other than RGB.
     if (requested == COLORSPACE_MONO || getColorSpace() != COLORSPACE_RGB)
-        deliverInColorSpace(*inner, COLORSPACE_MONO, result, outDims, requested, dataType, pattern, allocator);
+        deliverInColorSpace(*inner, *inner, COLORSPACE_MONO, result, outDims, requested, dataType, pattern, allocator);
     else
-        deliverInColorSpace(*this, COLORSPACE_RGB, result, outDims, requested, dataType, pattern, allocator);
+        deliverInColorSpace(*this, *inner, COLORSPACE_RGB, result, outDims, requested, dataType, pattern, allocator);
 }
 
 }  // namespace lumoframekit

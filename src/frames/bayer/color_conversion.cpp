@@ -97,10 +97,11 @@ void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint
     // otherwise the array holds what the format gives.
     const std::uint32_t set = getColorSpace();
     const std::uint32_t space = bandsOf(set) == getDimensions()->bands ? set : formatColorSpace;
-    deliverInColorSpace(*this, space, result, outDims, requested, dataType, alignment, allocator);
+    deliverInColorSpace(*this, *this, space, result, outDims, requested, dataType, alignment, allocator);
 }
 
-void LUMOFrame::deliverInColorSpace(IFrame& source, std::uint32_t from, void** result, FrameDims* outDims,
+void LUMOFrame::deliverInColorSpace(IFrame& source, const LUMOFrame& holder, std::uint32_t from, void** result,
+                                    FrameDims* outDims,
                                     std::uint32_t requested, const std::int32_t* dataType, std::uint32_t alignment,
                                     HostAllocator* allocator) {
     static HostAllocator plainArrays;
@@ -109,15 +110,16 @@ void LUMOFrame::deliverInColorSpace(IFrame& source, std::uint32_t from, void** r
     const FrameDims dims = *source.getDimensions();
     if (outDims != nullptr) *outDims = dims;
 
-    // A frame without pixels gives nothing and asks nothing of the host; nor does one whose
-    // geometry no buffer can hold.
-    if (!source.isBufferAllocated() || geometryWrapped) return;
+    // A frame without pixels gives nothing and asks nothing of the host. Every format stores at
+    // least a byte a pixel, so a smaller buffer (a size that wrapped, a negative geometry) holds
+    // no image either.
+    const std::uint64_t n = static_cast<std::uint64_t>(dims.width) * dims.height;
+    if (holder.buffer == nullptr || holder.allocatedSize < n) return;
     const std::uint32_t bits = source.getBitsPerBand();
     const std::uint64_t sampleBytes = (bits + 7) / 8;
     const std::int32_t type = source.getDataType();
     // A frame without a format of its own (a subtype outside its tables) has no samples to give.
     if (sampleBytes != elementSize(type)) return;
-    const std::uint64_t n = static_cast<std::uint64_t>(dims.width) * dims.height;
     HostArray data(host, sampleBytes * n * dims.bands);
     if (data.get() == nullptr) return;
     void* list[] = {data.get(), nullptr};

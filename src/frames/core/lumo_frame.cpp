@@ -25,17 +25,6 @@ std::uint64_t wrappedBufferSize(std::int32_t width, std::int32_t height, std::in
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(product)));
 }
 
-// Whether the exact width * height * bytesPerPixel differs from the wrapped size; negative
-// dimensions describe no image either.
-bool sizeWrapped(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel, std::uint64_t size) {
-    if (width < 0 || height < 0) return true;
-    std::int64_t exact = 0;
-    if (__builtin_mul_overflow(static_cast<std::int64_t>(width), static_cast<std::int64_t>(height), &exact) ||
-        __builtin_mul_overflow(exact, static_cast<std::int64_t>(bytesPerPixel), &exact))
-        return true;
-    return exact != static_cast<std::int64_t>(size);
-}
-
 // Array allocation of a raw buffer. Sizes beyond what an object may span (a wrapped, sign-extended
 // size among them) are refused the way the allocator refuses them, before reaching it.
 std::uint8_t* newBytes(std::uint64_t size) {
@@ -63,7 +52,6 @@ LUMOFrame::LUMOFrame(std::int32_t width, std::int32_t height, std::int32_t bytes
       allocatedSize(0),
       bufferSlack(0),
       formatColorSpace(initialColorSpace),
-      geometryWrapped(sizeWrapped(width, height, bytesPerPixel, bufferSize)),
       chargedBytes(0),
       chargedLimiter(nullptr) {}
 
