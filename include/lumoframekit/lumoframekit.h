@@ -11,4 +11,5 @@
 #include "lumoframekit/metadata.h"
 #include "lumoframekit/monochrome_frame.h"
 #include "lumoframekit/packed_monochrome_frame.h"
+#include "lumoframekit/version.h"
 #include "rigutil/rigutil.h"

@@ -2,6 +2,7 @@
 #include <lumoframekit/lumoframekit.h>
 
 #include <cstdio>
+#include <cstring>
 
 int main() {
     using namespace lumoframekit;
@@ -26,6 +27,8 @@ int main() {
         delete error;
         return 1;
     }
-    std::puts(ok ? "consumer: ok" : "consumer: wrong result");
-    return ok ? 0 : 1;
+    // The library loaded is the one the headers describe.
+    const bool sameVersion = std::strcmp(versionString(), LUMOFRAMEKIT_VERSION_STRING) == 0;
+    std::printf("consumer: lumoframekit %s: %s\n", versionString(), ok && sameVersion ? "ok" : "wrong result");
+    return ok && sameVersion ? 0 : 1;
 }

@@ -1,11 +1,20 @@
 #!/usr/bin/env bash
-# Installs the built library into a scratch prefix, then builds and runs the consumer project
-# against it.
+# Installs the built library into an unusual scratch prefix, then builds the consumer twice against
+# it, through find_package and through pkg-config, and runs both with no LD_LIBRARY_PATH: the
+# installed package must work from wherever it lies.
 set -euo pipefail
 build=$1 source=$2 scratch=$3
 rm -rf "$scratch"
-cmake --install "$build" --prefix "$scratch/prefix" >/dev/null
-cmake -S "$source/tests/consumer" -B "$scratch/build" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/prefix" >/dev/null
+prefix="$scratch/opt/lumo-kit"
+cmake --install "$build" --prefix "$prefix" >/dev/null
+unset LD_LIBRARY_PATH
+
+cmake -S "$source/tests/consumer" -B "$scratch/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$scratch/build" >/dev/null
-LD_LIBRARY_PATH="$scratch/prefix/lib:$scratch/prefix/lib64:${LD_LIBRARY_PATH:-}" "$scratch/build/consumer"
-test -f "$scratch/prefix/lib/pkgconfig/lumoframekit.pc" || test -f "$scratch/prefix/lib64/pkgconfig/lumoframekit.pc"
+"$scratch/build/consumer"
+
+pc=$(dirname "$(find "$prefix" -name lumoframekit.pc | head -n 1)")
+flags=$(PKG_CONFIG_PATH="$pc" pkg-config --cflags --libs lumoframekit)
+# shellcheck disable=SC2086
+c++ -std=c++20 "$source/tests/consumer/consumer.cpp" $flags -o "$scratch/consumer-pkg-config"
+"$scratch/consumer-pkg-config"
