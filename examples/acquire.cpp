@@ -68,6 +68,16 @@ struct Options {
     std::string input, output = "acquired.png";
 };
 
+bool startsWithPngSignature(const std::string& path) {
+    static const unsigned char signature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+    unsigned char head[8] = {};
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) return false;
+    const std::size_t got = std::fread(head, 1, sizeof head, file);
+    std::fclose(file);
+    return got == sizeof head && std::memcmp(head, signature, sizeof head) == 0;
+}
+
 void usage(std::FILE* to) {
     std::fprintf(to,
                  "usage: acquire [options]\n"
@@ -323,7 +333,8 @@ int main(int argc, char** argv) {
     if (o.input.empty()) {
         scene = syntheticScene(o.width, o.height);
     } else {
-        const bool png = o.input.size() > 4 && o.input.compare(o.input.size() - 4, 4, ".png") == 0;
+        // Told apart by their first bytes, whatever the file is called.
+        const bool png = startsWithPngSignature(o.input);
         Image photo;
         if (!(png ? readPng(o.input, photo) : readPpm(o.input, photo))) {
             std::fprintf(stderr, "acquire: cannot read '%s' as a %s image\n", o.input.c_str(), png ? "PNG" : "binary PPM");
@@ -411,6 +422,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "acquire: cannot write '%s'\n", o.output.c_str());
         return 1;
     }
-    std::printf("wrote the last frame (%ux%u RGB) to %s\n", lastDims.width, lastDims.height, o.output.c_str());
+    std::printf("wrote the last frame (%ux%u RGB)\npicture: %s\n", lastDims.width, lastDims.height, o.output.c_str());
     return 0;
 }

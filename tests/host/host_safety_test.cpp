@@ -29,7 +29,7 @@ bool fill(IFrame& frame, std::mt19937& rng) {
     std::uint8_t* buffer = frame.allocateBuffer();
     if (buffer == nullptr) return false;
     const auto bytes = noise(frame.getBufferSize(), rng);
-    std::memcpy(buffer, bytes.data(), bytes.size());
+    if (!bytes.empty()) std::memcpy(buffer, bytes.data(), bytes.size());
     return true;
 }
 
