@@ -59,6 +59,7 @@ struct BayerTBBTask {
     bool* wroteInPlace;
 
     void operator()() const;
+    void run() const;
 };
 
 // Demosaics a column-major mosaic (element (y, x) at x * height + y) into three column-major
