@@ -9,43 +9,14 @@
 #include <new>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "lumoframekit/lumoframekit.h"
 
 using namespace lumoframekit;
+using lumofuzz::Input;
+using lumofuzz::frameCode;
 
 namespace {
-
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-    bool empty() const { return at_ >= size_; }
-    std::uint8_t byte() { return at_ < size_ ? data_[at_++] : 0; }
-    std::uint32_t word() {
-        std::uint32_t v = 0;
-        for (int i = 0; i < 4; ++i) v = v << 8 | byte();
-        return v;
-    }
-    // Mostly small values, sometimes anything.
-    std::uint32_t offset() { return byte() < 240 ? byte() % 48 : word(); }
-    std::vector<std::uint8_t> bytes(std::size_t n) {
-        std::vector<std::uint8_t> out(n);
-        for (auto& b : out) b = byte();
-        return out;
-    }
-
-private:
-    const std::uint8_t* data_;
-    std::size_t size_;
-    std::size_t at_ = 0;
-};
-
-std::uint32_t frameCode(Input& in) {
-    static const std::uint32_t families[] = {0x11010000, 0x11010100, 0x06030000, 0x01000000, 0x01000100,
-                                             0x05000000, 0x05000100, 0x02000000, 0x03000000, 0x04000000, 0x07000000};
-    const std::uint8_t pick = in.byte();
-    if (pick >= 0xF0) return in.word();
-    return families[pick % std::size(families)] | in.byte() % 0x26;
-}
 
 // Counts what it hands out, so that every array is accounted for and read back in full.
 class CheckedAllocator : public HostAllocator {

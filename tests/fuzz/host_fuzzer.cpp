@@ -12,75 +12,24 @@
 #include <stdexcept>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "lumoframekit/lumoframekit.h"
 #include "rigutil/rg_exception.h"
+#include "test_support.h"
 
 using namespace lumoframekit;
+using lumofuzz::Input;
+using lumofuzz::frameCode;
+using lumotest::ExactAllocator;
 
 namespace {
 
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-    bool empty() const { return at_ >= size_; }
-    std::uint8_t byte() { return at_ < size_ ? data_[at_++] : 0; }
-    std::uint32_t word() {
-        std::uint32_t v = 0;
-        for (int i = 0; i < 4; ++i) v = v << 8 | byte();
-        return v;
-    }
-    // Mostly small values, sometimes the extremes.
-    std::int32_t size() {
-        const std::uint8_t pick = byte();
-        if (pick < 250) return pick % 40;
-        static const std::int32_t extremes[] = {-1, INT32_MIN, INT32_MAX, 65536, 46341, -46341};
-        return extremes[pick - 250];
-    }
-
-private:
-    const std::uint8_t* data_;
-    std::size_t size_;
-    std::size_t at_ = 0;
-};
-
-std::uint32_t frameCode(Input& in) {
-    static const std::uint32_t families[] = {0x11010000, 0x11010100, 0x06030000, 0x01000000, 0x01000100,
-                                             0x05000000, 0x05000100, 0x02000000, 0x03000000, 0x04000000, 0x07000000};
-    const std::uint8_t pick = in.byte();
-    if (pick >= 0xF8) return in.word();
-    return families[pick % std::size(families)] | in.byte() % 0x26;
-}
-
-// Exactly the bytes asked for, so that AddressSanitizer sees one byte over.
-class ExactAllocator : public HostAllocator {
-public:
-    void* allocate(std::uint64_t bytes) override {
-        if (bytes > (16u << 20)) throw std::bad_alloc();
-        if (giveNull) return nullptr;
-        ++live;
-        last = bytes;
-        return new std::uint8_t[bytes];
-    }
-    void release(void* array) override {
-        --live;
-        delete[] static_cast<std::uint8_t*>(array);
-    }
-    int live = 0;
-    std::uint64_t last = 0;
-    bool giveNull = false;
-};
-
 constexpr std::uint64_t kMaxBytes = 4u << 20;
-
-std::size_t elementBytes(std::int32_t dataType) {
-    static const std::size_t sizes[8] = {1, 1, 2, 2, 4, 4, 4, 8};
-    return dataType >= 0 && dataType < 8 ? sizes[dataType] : 1;
-}
 
 // What getData may write for the frame as it reports itself, or 0 when that is too large to hand.
 std::size_t dataBytes(const IFrame& frame) {
     const FrameDims d = *frame.getDimensions();
-    const std::uint64_t bytes = std::uint64_t{d.width} * d.height * d.bands * elementBytes(frame.getDataType());
+    const std::uint64_t bytes = std::uint64_t{d.width} * d.height * d.bands * lumotest::elementBytes(frame.getDataType());
     return d.width > 4096 || d.height > 4096 || bytes > kMaxBytes ? 0 : static_cast<std::size_t>(bytes);
 }
 
