@@ -4,7 +4,10 @@
 //
 //   acquire [--format NAME] [--width N] [--height N] [--frames N] [--fps N] [--min-free N]
 //           [--max-free N] [--memory-mb N] [--type NAME] [--input FILE.png|FILE.ppm] [--output FILE.png]
+//
+// Every argument is checked before the first frame is acquired; the rules are in --help.
 #include <png.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -13,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -63,7 +67,8 @@ struct Options {
     std::string format = "bayer12p-rggb";
     int width = 1920, height = 1080, frames = 120;
     double fps = 0;
-    std::uint64_t minFree = 2, maxFree = 6, memoryMb = 256;
+    std::uint64_t minFree = 2, maxFree = 6;
+    double memoryMb = 256;
     int type = -1;  // the frame's own element type
     std::string input, output = "acquired.png";
 };
@@ -88,10 +93,17 @@ void usage(std::FILE* to) {
                  "  --fps N           camera rate, 0 for as fast as possible (default 0)\n"
                  "  --min-free N      free frames the reserver keeps at least (default 2)\n"
                  "  --max-free N      free frames the reserver keeps at most (default 6)\n"
-                 "  --memory-mb N     memory limit for frame buffers (default 256)\n"
+                 "  --memory-mb N     memory limit for frame buffers in MiB, fractions allowed (default 256)\n"
                  "  --type NAME       element type of the converted planes (default: the frame's own)\n"
-                 "  --input FILE      a PNG or binary PPM photograph to show instead of the built-in scene\n"
+                 "  --input FILE      a PNG or binary PPM photograph (told apart by content) to show instead\n"
+                 "                    of the built-in scene; scaled to cover the frame with its aspect kept,\n"
+                 "                    then cropped to the frame about its centre\n"
                  "  --output FILE     where the last converted frame is written as PNG (default acquired.png)\n"
+                 "rules, checked before acquiring:\n"
+                 "  width and height from 4 to 16384; Bayer formats need both even (whole 2x2 cells);\n"
+                 "  packed formats need a width that holds whole packing groups (2 pixels, 4 for *10p-lsb);\n"
+                 "  --min-free not above --max-free; the output's folder exists and is writable;\n"
+                 "  the input exists and is readable\n"
                  "formats:");
     for (const Format& f : formats()) std::fprintf(to, " %s", f.name.c_str());
     std::fprintf(to, "\ntypes:");
@@ -145,8 +157,8 @@ bool parse(int argc, char** argv, Options& o) {
             if (!number(0, 1000)) return false;
             o.maxFree = static_cast<std::uint64_t>(n);
         } else if (flag == "--memory-mb") {
-            if (!number(1, 1e6)) return false;
-            o.memoryMb = static_cast<std::uint64_t>(n);
+            if (!number(0.001, 1e6)) return false;
+            o.memoryMb = n;
         } else if (flag == "--type") {
             const auto* found = std::find_if(std::begin(typeNames), std::end(typeNames), [&](const char* t) { return std::strcmp(t, value) == 0; });
             if (found == std::end(typeNames)) {
@@ -164,6 +176,38 @@ bool parse(int argc, char** argv, Options& o) {
         }
     }
     return true;
+}
+
+// Pixels a packing group holds, so a row of the format holds whole groups; 1 when unpacked.
+int packingGroup(const Format& f) {
+    switch (f.storage) {
+        case Storage::Packed2in3Msb:
+        case Storage::Packed2in3Lsb: return 2;
+        case Storage::Packed4in5: return 4;
+        default: return 1;
+    }
+}
+
+// The rules of --help for what parse() cannot check alone; a message naming the first broken one.
+std::string validate(const Options& o, const Format& f) {
+    namespace fs = std::filesystem;
+    if (f.mosaic && (o.width % 2 != 0 || o.height % 2 != 0))
+        return "Bayer format " + f.name + " needs an even width and height, not " + std::to_string(o.width) + "x" +
+               std::to_string(o.height);
+    if (o.width % packingGroup(f) != 0)
+        return "packed format " + f.name + " needs a width that is a multiple of " + std::to_string(packingGroup(f)) +
+               ", not " + std::to_string(o.width);
+    if (o.minFree > o.maxFree)
+        return "--min-free " + std::to_string(o.minFree) + " is above --max-free " + std::to_string(o.maxFree);
+    if (!o.input.empty() && ::access(o.input.c_str(), R_OK) != 0) return "cannot read the input '" + o.input + "'";
+    std::error_code error;
+    const fs::path output(o.output);
+    if (fs::is_directory(output, error)) return "the output '" + o.output + "' is a folder";
+    const fs::path folder = output.has_parent_path() ? output.parent_path() : fs::path(".");
+    const bool exists = fs::exists(output, error);
+    if (exists ? ::access(output.c_str(), W_OK) != 0 : !fs::is_directory(folder, error) || ::access(folder.c_str(), W_OK) != 0)
+        return "cannot write the output '" + o.output + "'";
+    return {};
 }
 
 // An RGB image, 8 bits a channel, row-major.
@@ -229,13 +273,22 @@ bool readPpm(const std::string& path, Image& img) {
     return static_cast<bool>(in.read(reinterpret_cast<char*>(img.rgb.data()), static_cast<std::streamsize>(img.rgb.size())));
 }
 
-// The scene resampled (nearest neighbour) to the frame size.
-Image resized(const Image& src, int width, int height) {
+// The photograph scaled (nearest neighbour) by one factor so that it covers the frame, its aspect
+// kept, and cropped about its centre to the frame; how it was fitted, for the user.
+Image covering(const Image& src, int width, int height, std::string& how) {
+    const double scale = std::max(static_cast<double>(width) / src.width, static_cast<double>(height) / src.height);
+    const int scaledWidth = std::max(width, static_cast<int>(std::lround(src.width * scale)));
+    const int scaledHeight = std::max(height, static_cast<int>(std::lround(src.height * scale)));
+    const int left = (scaledWidth - width) / 2, top = (scaledHeight - height) / 2;
+    char text[200];
+    std::snprintf(text, sizeof text, "%dx%d scaled by %.4g to %dx%d (aspect kept)%s", src.width, src.height, scale,
+                  scaledWidth, scaledHeight, scaledWidth == width && scaledHeight == height ? "" : ", cropped about its centre");
+    how = text;
     Image out{width, height, std::vector<std::uint8_t>(static_cast<std::size_t>(width) * height * 3)};
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
-            const int sx = static_cast<int>(static_cast<long long>(x) * src.width / width);
-            const int sy = static_cast<int>(static_cast<long long>(y) * src.height / height);
+            const int sx = std::min(src.width - 1, static_cast<int>((x + left) / scale));
+            const int sy = std::min(src.height - 1, static_cast<int>((y + top) / scale));
             std::memcpy(&out.rgb[(static_cast<std::size_t>(y) * width + x) * 3], &src.rgb[(static_cast<std::size_t>(sy) * src.width + sx) * 3], 3);
         }
     return out;
@@ -325,8 +378,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     const Format& format = *found;
-    if (o.width % 4 != 0 || o.height % 2 != 0) {
-        std::fprintf(stderr, "acquire: width must be a multiple of 4 and height even\n");
+    if (const std::string broken = validate(o, format); !broken.empty()) {
+        std::fprintf(stderr, "acquire: %s (see --help)\n", broken.c_str());
         return 2;
     }
     Image scene;
@@ -340,12 +393,14 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "acquire: cannot read '%s' as a %s image\n", o.input.c_str(), png ? "PNG" : "binary PPM");
             return 1;
         }
-        scene = resized(photo, o.width, o.height);
+        std::string how;
+        scene = covering(photo, o.width, o.height, how);
+        std::printf("input: %s, %s\n", o.input.c_str(), how.c_str());
     }
     const std::vector<std::uint8_t> delivered = cameraBytes(scene, format);
 
     // The host's side: a limiter for frame buffers, and a pool whose reserver keeps frames ready.
-    lumoframekit::MemoryLimiter limiter(0, o.memoryMb << 20);
+    lumoframekit::MemoryLimiter limiter(0, static_cast<std::uint64_t>(o.memoryMb * 1048576.0));
     lumoframekit::FramePool* pool = lumoframekit::createFramePool(&limiter);
     try {
         pool->startReserver(o.minFree, o.maxFree);
@@ -362,40 +417,53 @@ int main(int argc, char** argv) {
     lumoframekit::FrameDims lastDims{};
     int lastType = 0, dropped = 0;
     std::uint32_t bits = 8;
+    // Frames alive with a buffer at most: the one held here and the free ones the reserver keeps.
+    const std::uint64_t framesCharged = 1 + o.maxFree;
+    const std::uint64_t limitBytes = limiter.getMemoryLimit();
+    const auto mib = [](std::uint64_t bytes) { return static_cast<double>(bytes) / 1048576.0; };
     const auto start = std::chrono::steady_clock::now();
     auto lastReport = start;
     for (int i = 0; i < o.frames; ++i) {
         if (o.fps > 0) std::this_thread::sleep_until(start + std::chrono::duration<double>(i / o.fps));
         IFrame* frame = pool->getFrame(format.code, o.width, o.height);
+        if (frame == nullptr) {
+            std::fprintf(stderr, "acquire: the pool gave no frame for %s\n", format.name.c_str());
+            break;
+        }
         frame->incRefCount();
         // The driver's side: a buffer under the limit, filled with what the sensor delivered.
         std::uint8_t* buffer = frame->allocateBuffer();
-        if (buffer == nullptr || frame->getBufferSize() != delivered.size()) {
-            ++dropped;  // the limiter refused: this image is lost, the stream goes on
+        if (buffer != nullptr && frame->getBufferSize() != delivered.size()) {
+            std::fprintf(stderr, "acquire: the frame wants %llu bytes, the camera delivered %zu\n",
+                         static_cast<unsigned long long>(frame->getBufferSize()), delivered.size());
             frame->decRefCount();
-            continue;
+            break;
         }
-        std::memcpy(buffer, delivered.data(), delivered.size());
-        frame->setTimeStamp(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-        frame->addIntegerMetaData("frameNumber", i);
-        frame->addDoubleMetaData("exposureSeconds", 0.008);
-        frame->addCStrMetaData("camera", "synthetic");
+        if (buffer == nullptr) {
+            ++dropped;  // the limiter refused: this image is lost, the stream goes on
+        } else {
+            std::memcpy(buffer, delivered.data(), delivered.size());
+            frame->setTimeStamp(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+            frame->addIntegerMetaData("frameNumber", i);
+            frame->addDoubleMetaData("exposureSeconds", 0.008);
+            frame->addCStrMetaData("camera", "synthetic");
 
-        // The host reads what it needs and converts.
-        auto* number = dynamic_cast<lumoframekit::IntegerMetaDataItem*>(frame->getMetaData("frameNumber"));
-        void* result = nullptr;
-        lumoframekit::FrameDims dims{};
-        const std::int32_t wanted = o.type;
-        frame->getDataInColorSpace(&result, &dims, lumoframekit::COLORSPACE_RGB, o.type >= 0 ? &wanted : nullptr,
-                                   0, &allocator);
-        if (result != nullptr && number != nullptr && number->value == i) {
-            if (last) allocator.release(last);
-            last = result;
-            lastDims = dims;
-            lastType = o.type >= 0 ? o.type : frame->getDataType();
-            bits = frame->getBitsPerBand();
-        } else if (result != nullptr) {
-            allocator.release(result);
+            // The host reads what it needs and converts.
+            auto* number = dynamic_cast<lumoframekit::IntegerMetaDataItem*>(frame->getMetaData("frameNumber"));
+            void* result = nullptr;
+            lumoframekit::FrameDims dims{};
+            const std::int32_t wanted = o.type;
+            frame->getDataInColorSpace(&result, &dims, lumoframekit::COLORSPACE_RGB, o.type >= 0 ? &wanted : nullptr,
+                                       0, &allocator);
+            if (result != nullptr && number != nullptr && number->value == i) {
+                if (last) allocator.release(last);
+                last = result;
+                lastDims = dims;
+                lastType = o.type >= 0 ? o.type : frame->getDataType();
+                bits = frame->getBitsPerBand();
+            } else if (result != nullptr) {
+                allocator.release(result);
+            }
         }
         frame->decRefCount();
 
@@ -404,14 +472,23 @@ int main(int argc, char** argv) {
             lastReport = now;
             const double seconds = std::chrono::duration<double>(now - start).count();
             const double done = i + 1 - dropped;
-            std::printf("frames %d/%d  %.1f frames/s  %.0f MB/s  free frames %llu  limiter %llu bytes  dropped %d\n",
+            std::printf("frames %d/%d  %.1f frames/s  %.0f MB/s  free frames %llu  limiter %llu bytes  dropped %d%s\n",
                         i + 1, o.frames, done / seconds, done * static_cast<double>(delivered.size()) / seconds / 1e6,
                         static_cast<unsigned long long>(pool->getFreeFrameCount()),
-                        static_cast<unsigned long long>(limiter.getMemoryUsed()), dropped);
+                        static_cast<unsigned long long>(limiter.getMemoryUsed()), dropped,
+                        dropped > 0 ? " (buffers refused by the memory limit)" : "");
             std::fflush(stdout);
         }
     }
     pool->destroy();
+    if (dropped > 0) {
+        const double needed = std::ceil(mib(framesCharged * delivered.size()) * 1000.0) / 1000.0;
+        std::printf("dropped %d of %d frames: the memory limit of %.3f MiB refused their buffers of %zu bytes each.\n"
+                    "A limit of %.3f MiB (%llu frames: 1 held and up to %llu free, which keep their buffers) "
+                    "would have held the stream: --memory-mb %.3f\n",
+                    dropped, o.frames, mib(limitBytes), delivered.size(), needed,
+                    static_cast<unsigned long long>(framesCharged), static_cast<unsigned long long>(o.maxFree), needed);
+    }
     if (last == nullptr) {
         std::fprintf(stderr, "acquire: no frame was converted\n");
         return 1;
