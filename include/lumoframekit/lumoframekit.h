@@ -11,5 +11,6 @@
 #include "lumoframekit/metadata.h"
 #include "lumoframekit/monochrome_frame.h"
 #include "lumoframekit/packed_monochrome_frame.h"
+#include "lumoframekit/pixel_formats.h"
 #include "lumoframekit/version.h"
 #include "rigutil/rigutil.h"
