@@ -1,6 +1,8 @@
 """The Python module against the C++ library's own results (the reference program), as hosts use it."""
 import os
+import struct
 import subprocess
+import sys
 import tempfile
 import threading
 
@@ -216,3 +218,17 @@ def test_pixel_formats_and_frame_types():
     assert lf.pixel_format_name(FT.YUV422_YUYV) == "YUV422_8" and lf.pixel_format_name(FT.MONO8_BOTTOMUP) is None
     assert FT.BAYER8_GRBG == 0x06030000 and FT.RGB24 == 0x01000000 and len(FT) == 141
     assert lf.__version__.count(".") == 2
+
+
+def test_the_example_script_acquires_and_saves(tmp_path):
+    script = os.path.join(os.environ["LUMO_EXAMPLES"], "bayer_stream.py")
+    out = tmp_path / "stream.png"
+    run = subprocess.run([sys.executable, script, "--width", "64", "--height", "32", "--frames", "5", "--output", str(out)],
+                         capture_output=True, text=True)
+    assert run.returncode == 0, run.stderr
+    assert "dropped 0" in run.stdout and f"picture: {out}" in run.stdout
+    png = out.read_bytes()
+    assert png.startswith(b"\x89PNG") and struct.unpack(">II", png[16:24]) == (64, 32)
+    starved = subprocess.run([sys.executable, script, "--width", "64", "--height", "32", "--frames", "3",
+                              "--memory-mb", "0.001", "--output", str(out)], capture_output=True, text=True)
+    assert starved.returncode == 1 and "dropped 3" in starved.stdout
