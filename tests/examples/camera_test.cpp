@@ -98,3 +98,19 @@ TEST(SimulatedCamera, TheStacksFormatValuesMapToTheirNames) {
         EXPECT_STREQ(pixelFormatName(code), k.name);
     }
 }
+
+// Buffers the host cannot take are told apart, and none of them costs the limiter anything.
+TEST(SimulatedCamera, BuffersTheHostCannotTakeAreNamedNotGuessed) {
+    std::vector<std::uint8_t> bytes(64 * 64 * 2, 0x5A);
+    FrameSink sink(3 * 64 * 64, 0, 2);
+    Planes planes;
+    EXPECT_EQ(sink.take({0x010E0104u /* Mono14p */, 64, 64, bytes.data(), bytes.size()}, planes), Outcome::UnknownFormat);
+    EXPECT_EQ(sink.take({ARV_PIXEL_FORMAT_MONO_16, 64, 64, bytes.data(), bytes.size() - 1}, planes), Outcome::ShortBuffer);
+    EXPECT_EQ(planes.data(), nullptr);
+    EXPECT_EQ(sink.take({ARV_PIXEL_FORMAT_MONO_16, 64, 64, bytes.data(), bytes.size()}, planes), Outcome::Converted);
+    EXPECT_EQ(planes.dims().bands, 1u);
+    EXPECT_LE(sink.memoryUsed(), sink.memoryLimit());
+    FrameSink starved(4096, 0, 2);
+    EXPECT_EQ(starved.take({ARV_PIXEL_FORMAT_MONO_16, 64, 64, bytes.data(), bytes.size()}, planes), Outcome::Refused);
+    EXPECT_EQ(starved.memoryUsed(), 0u);
+}
