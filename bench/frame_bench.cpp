@@ -15,7 +15,6 @@ using namespace lumobench;
 
 namespace {
 
-
 struct FrameDeleter {
     void operator()(IFrame* f) const { delete f; }
 };
@@ -43,7 +42,8 @@ void frameGetData(benchmark::State& state, std::uint32_t code, int outBytesPerPi
 // The 8-bit frame as the factory makes it is walked in cache-sized strips; made directly it is
 // transposed as one image, which shows what the strips gain or cost.
 void mono8Unblocked(benchmark::State& state) {
-    runGetData(state, FramePtr(new MonochromeFrame8bitTopDown(kWidth, kHeight)), static_cast<std::size_t>(kWidth) * kHeight);
+    runGetData(state, FramePtr(new MonochromeFrame8bitTopDown(kWidth, kHeight)),
+               static_cast<std::size_t>(kWidth) * kHeight);
 }
 
 void memcpyOf(benchmark::State& state, int outBytesPerPixel) { copyOf(state, kPixels * outBytesPerPixel); }
@@ -75,7 +75,8 @@ void poolAcquisition(benchmark::State& state) {
         frame->setBufferData(image.data());
         frame->release();
     }
-    state.counters["frames_per_second"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["frames_per_second"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
     pool->destroy();
 }
 
@@ -87,7 +88,8 @@ void newFramePerImage(benchmark::State& state) {
         frame->setBufferData(image.data());
         frame->release();
     }
-    state.counters["frames_per_second"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["frames_per_second"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 }  // namespace

@@ -27,7 +27,6 @@ using namespace lumobench;
 
 namespace {
 
-
 void ours(benchmark::State& state, std::uint32_t code, std::size_t outBytes, std::uint16_t mask) {
     std::unique_ptr<IFrame> frame(frameFactory(static_cast<frametypes::FRAMETYPE>(code), kWidth, kHeight));
     std::vector<std::uint8_t> raw = noise(frame->getBufferSize());

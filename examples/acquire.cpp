@@ -47,10 +47,14 @@ std::vector<Format> formats() {
         const char* prefix;
         int bits;
         Storage storage;
-    } groups[9] = {{"bayer8", 8, Storage::Bytes},           {"bayer10", 10, Storage::Words},
-                   {"bayer12", 12, Storage::Words},         {"bayer14", 14, Storage::Words},
-                   {"bayer16", 16, Storage::Words},         {"bayer10p", 10, Storage::Packed2in3Msb},
-                   {"bayer12p", 12, Storage::Packed2in3Msb}, {"bayer10p-lsb", 10, Storage::Packed4in5},
+    } groups[9] = {{"bayer8", 8, Storage::Bytes},
+                   {"bayer10", 10, Storage::Words},
+                   {"bayer12", 12, Storage::Words},
+                   {"bayer14", 14, Storage::Words},
+                   {"bayer16", 16, Storage::Words},
+                   {"bayer10p", 10, Storage::Packed2in3Msb},
+                   {"bayer12p", 12, Storage::Packed2in3Msb},
+                   {"bayer10p-lsb", 10, Storage::Packed4in5},
                    {"bayer12p-lsb", 12, Storage::Packed2in3Lsb}};
     for (int g = 0; g < 9; ++g)
         for (int a = 0; a < 4; ++a)
@@ -135,7 +139,8 @@ bool parse(int argc, char** argv, Options& o) {
         double n = 0;
         auto number = [&](double low, double high) {
             if (parseNumber(value, low, high, n)) return true;
-            std::fprintf(stderr, "acquire: %s takes a number from %g to %g, not '%s'\n", flag.c_str(), low, high, value);
+            std::fprintf(stderr, "acquire: %s takes a number from %g to %g, not '%s'\n", flag.c_str(), low, high,
+                         value);
             return false;
         };
         if (flag == "--format") {
@@ -162,7 +167,8 @@ bool parse(int argc, char** argv, Options& o) {
             if (!number(0.001, 1e6)) return false;
             o.memoryMb = n;
         } else if (flag == "--type") {
-            const auto* found = std::find_if(std::begin(typeNames), std::end(typeNames), [&](const char* t) { return std::strcmp(t, value) == 0; });
+            const auto* found = std::find_if(std::begin(typeNames), std::end(typeNames),
+                                             [&](const char* t) { return std::strcmp(t, value) == 0; });
             if (found == std::end(typeNames)) {
                 std::fprintf(stderr, "acquire: unknown element type '%s' (see --help)\n", value);
                 return false;
@@ -207,7 +213,8 @@ std::string validate(const Options& o, const Format& f) {
     if (fs::is_directory(output, error)) return "the output '" + o.output + "' is a folder";
     const fs::path folder = output.has_parent_path() ? output.parent_path() : fs::path(".");
     const bool exists = fs::exists(output, error);
-    if (exists ? ::access(output.c_str(), W_OK) != 0 : !fs::is_directory(folder, error) || ::access(folder.c_str(), W_OK) != 0)
+    if (exists ? ::access(output.c_str(), W_OK) != 0
+               : !fs::is_directory(folder, error) || ::access(folder.c_str(), W_OK) != 0)
         return "cannot write the output '" + o.output + "'";
     return {};
 }
@@ -240,7 +247,8 @@ Image syntheticScene(int width, int height) {
             }
             const double dx = x - cx, dy = y - cy, r2 = dx * dx + dy * dy;
             if (r2 < radius * radius) {
-                const std::uint8_t v = static_cast<std::uint8_t>(127.5 + 127.5 * std::cos(r2 * 3.14159265 / (2.2 * radius)));
+                const std::uint8_t v =
+                    static_cast<std::uint8_t>(127.5 + 127.5 * std::cos(r2 * 3.14159265 / (2.2 * radius)));
                 p[0] = p[1] = p[2] = v;
             }
             if (fy > 0.9 && x % 2 == 0) p[0] = p[1] = p[2] = 255;
@@ -272,7 +280,8 @@ bool readPpm(const std::string& path, Image& img) {
         return false;
     in.get();
     img.rgb.resize(static_cast<std::size_t>(img.width) * img.height * 3);
-    return static_cast<bool>(in.read(reinterpret_cast<char*>(img.rgb.data()), static_cast<std::streamsize>(img.rgb.size())));
+    return static_cast<bool>(
+        in.read(reinterpret_cast<char*>(img.rgb.data()), static_cast<std::streamsize>(img.rgb.size())));
 }
 
 // The photograph scaled (nearest neighbour) by one factor so that it covers the frame, its aspect
@@ -284,14 +293,16 @@ Image covering(const Image& src, int width, int height, std::string& how) {
     const int left = (scaledWidth - width) / 2, top = (scaledHeight - height) / 2;
     char text[200];
     std::snprintf(text, sizeof text, "%dx%d scaled by %.4g to %dx%d (aspect kept)%s", src.width, src.height, scale,
-                  scaledWidth, scaledHeight, scaledWidth == width && scaledHeight == height ? "" : ", cropped about its centre");
+                  scaledWidth, scaledHeight,
+                  scaledWidth == width && scaledHeight == height ? "" : ", cropped about its centre");
     how = text;
     Image out{width, height, std::vector<std::uint8_t>(static_cast<std::size_t>(width) * height * 3)};
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
             const int sx = std::min(src.width - 1, static_cast<int>((x + left) / scale));
             const int sy = std::min(src.height - 1, static_cast<int>((y + top) / scale));
-            std::memcpy(&out.rgb[(static_cast<std::size_t>(y) * width + x) * 3], &src.rgb[(static_cast<std::size_t>(sy) * src.width + sx) * 3], 3);
+            std::memcpy(&out.rgb[(static_cast<std::size_t>(y) * width + x) * 3],
+                        &src.rgb[(static_cast<std::size_t>(sy) * src.width + sx) * 3], 3);
         }
     return out;
 }
@@ -307,8 +318,10 @@ std::vector<std::uint8_t> cameraBytes(const Image& scene, const Format& f) {
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
             const std::uint8_t* p = &scene.rgb[(static_cast<std::size_t>(y) * w + x) * 3];
-            const int v8 = f.mosaic ? p[sites[alignment][(y % 2) * 2 + x % 2]] : (54 * p[0] + 183 * p[1] + 18 * p[2]) >> 8;
-            samples[static_cast<std::size_t>(y) * w + x] = static_cast<std::uint16_t>((v8 * ((1 << f.bits) - 1) + 127) / 255);
+            const int v8 =
+                f.mosaic ? p[sites[alignment][(y % 2) * 2 + x % 2]] : (54 * p[0] + 183 * p[1] + 18 * p[2]) >> 8;
+            samples[static_cast<std::size_t>(y) * w + x] =
+                static_cast<std::uint16_t>((v8 * ((1 << f.bits) - 1) + 127) / 255);
         }
     std::vector<std::uint8_t> out;
     switch (f.storage) {
@@ -316,7 +329,8 @@ std::vector<std::uint8_t> cameraBytes(const Image& scene, const Format& f) {
             for (std::uint16_t s : samples) out.push_back(static_cast<std::uint8_t>(s));
             break;
         case Storage::Words:
-            for (std::uint16_t s : samples) out.push_back(static_cast<std::uint8_t>(s)), out.push_back(static_cast<std::uint8_t>(s >> 8));
+            for (std::uint16_t s : samples)
+                out.push_back(static_cast<std::uint8_t>(s)), out.push_back(static_cast<std::uint8_t>(s >> 8));
             break;
         case Storage::Packed2in3Msb:
         case Storage::Packed2in3Lsb:
@@ -324,14 +338,20 @@ std::vector<std::uint8_t> cameraBytes(const Image& scene, const Format& f) {
                 const std::uint16_t a = samples[i], b = samples[i + 1];
                 const int low = f.bits - 8;  // bits kept in the shared byte
                 if (f.storage == Storage::Packed2in3Lsb)
-                    out.insert(out.end(), {static_cast<std::uint8_t>(a), static_cast<std::uint8_t>((a >> 8) | (b & 15) << 4), static_cast<std::uint8_t>(b >> 4)});
+                    out.insert(out.end(),
+                               {static_cast<std::uint8_t>(a), static_cast<std::uint8_t>((a >> 8) | (b & 15) << 4),
+                                static_cast<std::uint8_t>(b >> 4)});
                 else
-                    out.insert(out.end(), {static_cast<std::uint8_t>(a >> low), static_cast<std::uint8_t>((a & ((1 << low) - 1)) | (b & ((1 << low) - 1)) << 4), static_cast<std::uint8_t>(b >> low)});
+                    out.insert(out.end(),
+                               {static_cast<std::uint8_t>(a >> low),
+                                static_cast<std::uint8_t>((a & ((1 << low) - 1)) | (b & ((1 << low) - 1)) << 4),
+                                static_cast<std::uint8_t>(b >> low)});
             }
             break;
         case Storage::Packed4in5:
             for (std::size_t i = 0; i + 3 < samples.size(); i += 4) {
-                const std::uint64_t bits = samples[i] | std::uint64_t{samples[i + 1]} << 10 | std::uint64_t{samples[i + 2]} << 20 | std::uint64_t{samples[i + 3]} << 30;
+                const std::uint64_t bits = samples[i] | std::uint64_t{samples[i + 1]} << 10 |
+                                           std::uint64_t{samples[i + 2]} << 20 | std::uint64_t{samples[i + 3]} << 30;
                 for (int k = 0; k < 5; ++k) out.push_back(static_cast<std::uint8_t>(bits >> (8 * k)));
             }
             break;
@@ -363,7 +383,8 @@ int main(int argc, char** argv) {
         const bool png = startsWithPngSignature(o.input);
         Image photo;
         if (!(png ? readPng(o.input, photo) : readPpm(o.input, photo))) {
-            std::fprintf(stderr, "acquire: cannot read '%s' as a %s image\n", o.input.c_str(), png ? "PNG" : "binary PPM");
+            std::fprintf(stderr, "acquire: cannot read '%s' as a %s image\n", o.input.c_str(),
+                         png ? "PNG" : "binary PPM");
             return 1;
         }
         std::string how;
@@ -383,7 +404,8 @@ int main(int argc, char** argv) {
         pool->destroy();
         return 1;
     }
-    std::printf("acquiring %d frames of %s, %dx%d, into RGB planes\n", o.frames, format.name.c_str(), o.width, o.height);
+    std::printf("acquiring %d frames of %s, %dx%d, into RGB planes\n", o.frames, format.name.c_str(), o.width,
+                o.height);
 
     lumoframekit::HostAllocator allocator;
     void* last = nullptr;
@@ -426,8 +448,8 @@ int main(int argc, char** argv) {
             void* result = nullptr;
             lumoframekit::FrameDims dims{};
             const std::int32_t wanted = o.type;
-            frame->getDataInColorSpace(&result, &dims, lumoframekit::COLORSPACE_RGB, o.type >= 0 ? &wanted : nullptr,
-                                       0, &allocator);
+            frame->getDataInColorSpace(&result, &dims, lumoframekit::COLORSPACE_RGB, o.type >= 0 ? &wanted : nullptr, 0,
+                                       &allocator);
             if (result != nullptr && number != nullptr && number->value == i) {
                 if (last) allocator.release(last);
                 last = result;
@@ -457,11 +479,12 @@ int main(int argc, char** argv) {
     pool->destroy();
     if (dropped > 0) {
         const double needed = std::ceil(mib(framesCharged * delivered.size()) * 1000.0) / 1000.0;
-        std::printf("dropped %d of %d frames: the memory limit of %.3f MiB refused their buffers of %zu bytes each.\n"
-                    "A limit of %.3f MiB (%llu frames: 1 held and up to %llu free, which keep their buffers) "
-                    "would have held the stream: --memory-mb %.3f\n",
-                    dropped, o.frames, mib(limitBytes), delivered.size(), needed,
-                    static_cast<unsigned long long>(framesCharged), static_cast<unsigned long long>(o.maxFree), needed);
+        std::printf(
+            "dropped %d of %d frames: the memory limit of %.3f MiB refused their buffers of %zu bytes each.\n"
+            "A limit of %.3f MiB (%llu frames: 1 held and up to %llu free, which keep their buffers) "
+            "would have held the stream: --memory-mb %.3f\n",
+            dropped, o.frames, mib(limitBytes), delivered.size(), needed,
+            static_cast<unsigned long long>(framesCharged), static_cast<unsigned long long>(o.maxFree), needed);
     }
     if (last == nullptr) {
         std::fprintf(stderr, "acquire: no frame was converted\n");

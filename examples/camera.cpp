@@ -58,17 +58,25 @@ bool parse(int argc, char** argv, Options& o) {
         char* end = nullptr;
         const double n = std::strtod(value, &end);
         const bool number = end != value && *end == '\0' && n >= 0 && n <= 1e9;
-        if (flag == "--camera") o.camera = value;
-        else if (flag == "--pixel-format") o.pixelFormat = value;
-        else if (flag == "--output") o.output = value;
+        if (flag == "--camera")
+            o.camera = value;
+        else if (flag == "--pixel-format")
+            o.pixelFormat = value;
+        else if (flag == "--output")
+            o.output = value;
         else if (!number) {
             std::fprintf(stderr, "camera: %s takes a number, not '%s'\n", flag.c_str(), value);
             return false;
-        } else if (flag == "--frames" && n >= 1) o.frames = static_cast<int>(n);
-        else if (flag == "--fps") o.fps = n;
-        else if (flag == "--memory-mb" && n > 0) o.memoryMb = n;
-        else if (flag == "--min-free") o.minFree = static_cast<std::uint64_t>(n);
-        else if (flag == "--max-free") o.maxFree = static_cast<std::uint64_t>(n);
+        } else if (flag == "--frames" && n >= 1)
+            o.frames = static_cast<int>(n);
+        else if (flag == "--fps")
+            o.fps = n;
+        else if (flag == "--memory-mb" && n > 0)
+            o.memoryMb = n;
+        else if (flag == "--min-free")
+            o.minFree = static_cast<std::uint64_t>(n);
+        else if (flag == "--max-free")
+            o.maxFree = static_cast<std::uint64_t>(n);
         else {
             std::fprintf(stderr, "camera: unknown option or value '%s %s' (see --help)\n", flag.c_str(), value);
             return false;
@@ -98,7 +106,13 @@ int main(int argc, char** argv) {
         for (const Camera::Format& f : camera->pixelFormats()) {
             const auto code = lumoframekit::frameTypeFromPixelFormat(f.value);
             std::printf("%-20s 0x%08X  %s\n", f.name.c_str(), f.value,
-                        code != 0 ? ("frame type 0x" + [&] { char t[9]; std::snprintf(t, 9, "%08X", static_cast<unsigned>(code)); return std::string(t); }()).c_str()
+                        code != 0 ? ("frame type 0x" +
+                                     [&] {
+                                         char t[9];
+                                         std::snprintf(t, 9, "%08X", static_cast<unsigned>(code));
+                                         return std::string(t);
+                                     }())
+                                        .c_str()
                                   : "no frame type reproduces it");
         }
         return 0;
@@ -125,28 +139,39 @@ int main(int argc, char** argv) {
     const auto start = std::chrono::steady_clock::now();
     auto lastReport = start;
     Camera::Stats stats;
-    const bool ok = camera->acquire(o.frames, [&](const CameraBuffer& buffer) {
-        Planes planes;
-        switch (sink->take(buffer, planes)) {
-            case Outcome::Converted: ++converted; last = std::move(planes); break;
-            case Outcome::Refused: ++refused; break;
-            case Outcome::UnknownFormat: ++unknown; unknownFormat = buffer.pixelFormat; break;
-            default: ++other; break;
-        }
-        frameBytes = buffer.size;
-        const auto now = std::chrono::steady_clock::now();
-        if (now - lastReport > std::chrono::milliseconds(500)) {
-            lastReport = now;
-            std::printf("frames %d  %.1f frames/s  dropped %d (limit %d, incomplete %d)  free frames %llu\n",
-                        converted + refused + unknown + other,
-                        converted / std::chrono::duration<double>(now - start).count(), refused + stats.failed, refused,
-                        stats.failed, static_cast<unsigned long long>(sink->freeFrames()));
-            std::fflush(stdout);
-        }
-    }, stats, error);
+    const bool ok = camera->acquire(
+        o.frames,
+        [&](const CameraBuffer& buffer) {
+            Planes planes;
+            switch (sink->take(buffer, planes)) {
+                case Outcome::Converted:
+                    ++converted;
+                    last = std::move(planes);
+                    break;
+                case Outcome::Refused: ++refused; break;
+                case Outcome::UnknownFormat:
+                    ++unknown;
+                    unknownFormat = buffer.pixelFormat;
+                    break;
+                default: ++other; break;
+            }
+            frameBytes = buffer.size;
+            const auto now = std::chrono::steady_clock::now();
+            if (now - lastReport > std::chrono::milliseconds(500)) {
+                lastReport = now;
+                std::printf("frames %d  %.1f frames/s  dropped %d (limit %d, incomplete %d)  free frames %llu\n",
+                            converted + refused + unknown + other,
+                            converted / std::chrono::duration<double>(now - start).count(), refused + stats.failed,
+                            refused, stats.failed, static_cast<unsigned long long>(sink->freeFrames()));
+                std::fflush(stdout);
+            }
+        },
+        stats, error);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("%d frames converted in %.2f s: %.1f frames/s; dropped %d (%d refused by the memory limit, %d incomplete from the camera)\n",
-                converted, seconds, converted / seconds, refused + stats.failed, refused, stats.failed);
+    std::printf(
+        "%d frames converted in %.2f s: %.1f frames/s; dropped %d (%d refused by the memory limit, %d incomplete from "
+        "the camera)\n",
+        converted, seconds, converted / seconds, refused + stats.failed, refused, stats.failed);
     if (refused > 0)
         std::printf("a limit of %.3f MiB (1 frame held and up to %llu free) would have held the stream\n",
                     std::ceil(static_cast<double>((1 + sink->maxFree()) * frameBytes) / 1048.576) / 1000.0,
@@ -154,8 +179,12 @@ int main(int argc, char** argv) {
     if (unknown > 0) {
         const char* name = nullptr;
         for (const Camera::Format& f : camera->pixelFormats())
-            if (f.value == unknownFormat) name = f.name.c_str(), std::printf("%d buffers of pixel format %s (0x%08X): no frame type reproduces it\n", unknown, name, unknownFormat);
-        if (name == nullptr) std::printf("%d buffers of pixel format 0x%08X: no frame type reproduces it\n", unknown, unknownFormat);
+            if (f.value == unknownFormat)
+                name = f.name.c_str(),
+                std::printf("%d buffers of pixel format %s (0x%08X): no frame type reproduces it\n", unknown, name,
+                            unknownFormat);
+        if (name == nullptr)
+            std::printf("%d buffers of pixel format 0x%08X: no frame type reproduces it\n", unknown, unknownFormat);
     }
     if (!ok) std::fprintf(stderr, "camera: %s\n", error.c_str());
     if (last.data() == nullptr) {

@@ -146,7 +146,8 @@ bool Camera::acquire(int count, const std::function<void(const CameraBuffer&)>& 
                      std::string& error) {
     GError* failure = nullptr;
     const guint payload = arv_camera_get_payload(arv(camera_), &failure);
-    ArvStream* stream = failure == nullptr ? arv_camera_create_stream(arv(camera_), nullptr, nullptr, &failure) : nullptr;
+    ArvStream* stream =
+        failure == nullptr ? arv_camera_create_stream(arv(camera_), nullptr, nullptr, &failure) : nullptr;
     if (stream == nullptr) {
         error = "cannot open a stream: " + take(failure);
         return false;
@@ -168,8 +169,8 @@ bool Camera::acquire(int count, const std::function<void(const CameraBuffer&)>& 
             failedInARow = 0;
             std::size_t size = 0;
             const void* data = arv_buffer_get_image_data(buffer, &size);
-            deliver({static_cast<std::uint32_t>(arv_buffer_get_image_pixel_format(buffer)), arv_buffer_get_image_width(buffer),
-                     arv_buffer_get_image_height(buffer), data, size});
+            deliver({static_cast<std::uint32_t>(arv_buffer_get_image_pixel_format(buffer)),
+                     arv_buffer_get_image_width(buffer), arv_buffer_get_image_height(buffer), data, size});
             ++stats.delivered;
             arv_stream_push_buffer(stream, buffer);
         }

@@ -133,11 +133,13 @@ public:
         if (!isContiguous(info)) throw py::value_error("copy_region needs a contiguous buffer");
         // The source is read as a whole image of this frame's layout at its own size.
         std::unique_ptr<IFrame> probe(frameFactory(static_cast<frametypes::FRAMETYPE>(f.getFrameType()),
-                                                   static_cast<std::int32_t>(srcWidth), static_cast<std::int32_t>(srcHeight)));
+                                                   static_cast<std::int32_t>(srcWidth),
+                                                   static_cast<std::int32_t>(srcHeight)));
         const std::uint64_t needed = probe ? probe->getBufferSize() : 0;
         if (probe == nullptr || srcWidth > 0x7FFFFFFFu || srcHeight > 0x7FFFFFFFu || bytes < needed)
-            throw py::value_error("a " + std::to_string(srcWidth) + "x" + std::to_string(srcHeight) + " source of this format holds " +
-                                  std::to_string(needed) + " bytes; the buffer has " + std::to_string(bytes));
+            throw py::value_error("a " + std::to_string(srcWidth) + "x" + std::to_string(srcHeight) +
+                                  " source of this format holds " + std::to_string(needed) + " bytes; the buffer has " +
+                                  std::to_string(bytes));
         std::uint8_t* written;
         {
             py::gil_scoped_release unlocked;
@@ -185,7 +187,9 @@ public:
         const std::int32_t* wanted = nullptr;
         if (!dtype.is_none()) {
             type = dataTypeOf(py::dtype::from_args(dtype));
-            if (type < 0) throw py::value_error("dtype must be one of uint8, int8, uint16, int16, uint32, int32, float32, float64");
+            if (type < 0)
+                throw py::value_error(
+                    "dtype must be one of uint8, int8, uint16, int16, uint32, int32, float32, float64");
             wanted = &type;
         }
         std::shared_lock lock(mutex_, std::defer_lock);
@@ -202,7 +206,9 @@ public:
         // Planes back to back, each column-major: as C order that is (bands, width, height), whose
         // transpose is the Fortran-ordered (height, width, bands).
         py::array flat = allocator.take(result);
-        return flat.attr("view")(resultType).attr("reshape")(py::make_tuple(dims.bands, dims.width, dims.height)).attr("T");
+        return flat.attr("view")(resultType)
+            .attr("reshape")(py::make_tuple(dims.bands, dims.width, dims.height))
+            .attr("T");
     }
 
 private:
@@ -220,7 +226,8 @@ private:
     }
     std::vector<py::ssize_t> fortranStrides(py::ssize_t itemsize) const {
         const FrameDims& d = dims();
-        return {itemsize, itemsize * static_cast<py::ssize_t>(d.height), itemsize * static_cast<py::ssize_t>(d.height) * d.width};
+        return {itemsize, itemsize * static_cast<py::ssize_t>(d.height),
+                itemsize * static_cast<py::ssize_t>(d.height) * d.width};
     }
     void dropFrame() {
         if (frame_ != nullptr) std::exchange(frame_, nullptr)->decRefCount();
@@ -272,7 +279,8 @@ py::object itemValue(const MetaDataItem* item) {
         return out;
     }
     if (auto* c3 = dynamic_cast<const Double3DArrayMetaDataItem*>(item)) {
-        py::array_t<double> out({static_cast<py::ssize_t>(c3->d1), static_cast<py::ssize_t>(c3->d2), static_cast<py::ssize_t>(c3->d3)});
+        py::array_t<double> out(
+            {static_cast<py::ssize_t>(c3->d1), static_cast<py::ssize_t>(c3->d2), static_cast<py::ssize_t>(c3->d3)});
         for (std::uint64_t i = 0; i < c3->d1; ++i)
             for (std::uint64_t j = 0; j < c3->d2; ++j)
                 for (std::uint64_t k = 0; k < c3->d3; ++k) out.mutable_at(i, j, k) = c3->values[i][j][k];
@@ -287,14 +295,19 @@ void addMetadata(PyFrame& self, const std::string& name, py::object value, std::
     std::unique_lock lock(self.mutex());
     IFrame& f = self.frame();
     if (kind.empty()) {
-        if (py::isinstance<py::bool_>(value) || py::isinstance<py::int_>(value)) kind = "integer";
-        else if (py::isinstance<py::float_>(value)) kind = "double";
-        else if (py::isinstance<py::str>(value)) kind = "string";
+        if (py::isinstance<py::bool_>(value) || py::isinstance<py::int_>(value))
+            kind = "integer";
+        else if (py::isinstance<py::float_>(value))
+            kind = "double";
+        else if (py::isinstance<py::str>(value))
+            kind = "string";
         else {
             py::array array = py::array::ensure(value);
             if (!array) throw py::type_error("metadata values are numbers, strings or arrays");
-            if (array.dtype().kind() == 'b') kind = "bool_array";
-            else kind = array.ndim() <= 1 ? "double_array" : array.ndim() == 2 ? "double_2d" : "double_3d";
+            if (array.dtype().kind() == 'b')
+                kind = "bool_array";
+            else
+                kind = array.ndim() <= 1 ? "double_array" : array.ndim() == 2 ? "double_2d" : "double_3d";
         }
     }
     if (kind == "integer") return f.addIntegerMetaData(name.c_str(), value.cast<std::int64_t>());
@@ -313,14 +326,16 @@ void addMetadata(PyFrame& self, const std::string& name, py::object value, std::
     if (kind == "double_2d" && a.ndim() == 2) {
         std::vector<const double*> rows(static_cast<std::size_t>(a.shape(0)));
         for (std::size_t r = 0; r < rows.size(); ++r) rows[r] = a.data(static_cast<py::ssize_t>(r), 0);
-        return f.addDouble2DArrayMetaData(name.c_str(), rows.data(), rows.size(), static_cast<std::uint64_t>(a.shape(1)));
+        return f.addDouble2DArrayMetaData(name.c_str(), rows.data(), rows.size(),
+                                          static_cast<std::uint64_t>(a.shape(1)));
     }
     if (kind == "double_3d" && a.ndim() == 3) {
         const auto d1 = static_cast<std::size_t>(a.shape(0)), d2 = static_cast<std::size_t>(a.shape(1));
         std::vector<const double*> rows(d1 * d2);
         std::vector<const double* const*> planes(d1);
         for (std::size_t i = 0; i < d1; ++i) {
-            for (std::size_t j = 0; j < d2; ++j) rows[i * d2 + j] = a.data(static_cast<py::ssize_t>(i), static_cast<py::ssize_t>(j), 0);
+            for (std::size_t j = 0; j < d2; ++j)
+                rows[i * d2 + j] = a.data(static_cast<py::ssize_t>(i), static_cast<py::ssize_t>(j), 0);
             planes[i] = rows.data() + i * d2;
         }
         return f.addDouble3DArrayMetaData(name.c_str(), planes.data(), d1, d2, static_cast<std::uint64_t>(a.shape(2)));
@@ -366,19 +381,26 @@ PYBIND11_MODULE(lumoframekit, m) {
 
     py::dict codes;
     for (const auto& [name, code] : kFrameTypeNames) codes[name] = static_cast<std::uint32_t>(code);
-    m.attr("FrameType") = py::module_::import("enum").attr("IntEnum")("FrameType", codes, py::arg("module") = "lumoframekit");
+    m.attr("FrameType") =
+        py::module_::import("enum").attr("IntEnum")("FrameType", codes, py::arg("module") = "lumoframekit");
 
-    m.def("frame_type_from_pixel_format", [](py::object format) -> py::object {
-        const frametypes::FRAMETYPE code = py::isinstance<py::str>(format)
-            ? frameTypeFromPixelFormatName(format.cast<std::string>().c_str())
-            : frameTypeFromPixelFormat(format.cast<std::uint32_t>());
-        if (code == 0) return py::int_(0);
-        return py::module_::import("lumoframekit").attr("FrameType")(static_cast<std::uint32_t>(code));
-    }, py::arg("value_or_name"), "The frame type reproducing a standard camera pixel format (value or name), or 0.");
-    m.def("pixel_format_name", [](std::uint32_t code) -> py::object {
-        const char* name = pixelFormatName(static_cast<frametypes::FRAMETYPE>(code));
-        return name != nullptr ? py::object(py::str(name)) : py::none();
-    }, py::arg("frame_type"));
+    m.def(
+        "frame_type_from_pixel_format",
+        [](py::object format) -> py::object {
+            const frametypes::FRAMETYPE code = py::isinstance<py::str>(format)
+                                                   ? frameTypeFromPixelFormatName(format.cast<std::string>().c_str())
+                                                   : frameTypeFromPixelFormat(format.cast<std::uint32_t>());
+            if (code == 0) return py::int_(0);
+            return py::module_::import("lumoframekit").attr("FrameType")(static_cast<std::uint32_t>(code));
+        },
+        py::arg("value_or_name"), "The frame type reproducing a standard camera pixel format (value or name), or 0.");
+    m.def(
+        "pixel_format_name",
+        [](std::uint32_t code) -> py::object {
+            const char* name = pixelFormatName(static_cast<frametypes::FRAMETYPE>(code));
+            return name != nullptr ? py::object(py::str(name)) : py::none();
+        },
+        py::arg("frame_type"));
 
     py::class_<IMemoryLimiter>(m, "MemoryLimiterBase")
         .def_property_readonly("used", &IMemoryLimiter::getMemoryUsed)
@@ -390,19 +412,20 @@ PYBIND11_MODULE(lumoframekit, m) {
         .def(py::init<std::uint64_t>(), py::arg("percent"));
 
     py::class_<Metadata>(m, "Metadata")
-        .def("__getitem__", [](const Metadata& md, const std::string& name) {
-            std::shared_lock lock(md.frame().mutex());
-            const MetaDataItem* item = md.frame().frame().getMetaData(name.c_str());
-            if (item == nullptr) throw py::key_error(name);
-            return itemValue(item);
-        })
-        .def("__setitem__", [](const Metadata& md, const std::string& name, py::object value) {
-            addMetadata(md.frame(), name, std::move(value), "");
-        })
-        .def("__contains__", [](const Metadata& md, const std::string& name) {
-            std::shared_lock lock(md.frame().mutex());
-            return md.frame().frame().getMetaData(name.c_str()) != nullptr;
-        })
+        .def("__getitem__",
+             [](const Metadata& md, const std::string& name) {
+                 std::shared_lock lock(md.frame().mutex());
+                 const MetaDataItem* item = md.frame().frame().getMetaData(name.c_str());
+                 if (item == nullptr) throw py::key_error(name);
+                 return itemValue(item);
+             })
+        .def("__setitem__", [](const Metadata& md, const std::string& name,
+                               py::object value) { addMetadata(md.frame(), name, std::move(value), ""); })
+        .def("__contains__",
+             [](const Metadata& md, const std::string& name) {
+                 std::shared_lock lock(md.frame().mutex());
+                 return md.frame().frame().getMetaData(name.c_str()) != nullptr;
+             })
         .def("__len__", [](const Metadata& md) { return metadataNames(md.frame()).size(); })
         .def("__iter__", [](const Metadata& md) { return py::iter(py::cast(metadataNames(md.frame()))); })
         .def("keys", [](const Metadata& md) { return metadataNames(md.frame()); })
@@ -420,83 +443,104 @@ PYBIND11_MODULE(lumoframekit, m) {
         .def_property_readonly("shape", &PyFrame::shape)
         .def_property_readonly("dtype", [](const PyFrame& f) { return dtypeOf(f.frame().getDataType()); })
         .def_property_readonly("bits_per_band", [](const PyFrame& f) { return f.frame().getBitsPerBand(); })
-        .def_property("color_space", [](const PyFrame& f) { return f.frame().getColorSpace(); },
-                      [](PyFrame& f, std::uint32_t space) {
-                          std::unique_lock lock(f.mutex());
-                          f.frame().setColorSpace(space);
-                      })
-        .def_property_readonly("frame_type", [](const PyFrame& f) {
-            const std::uint32_t code = f.frame().getFrameType();
-            py::object enumType = py::module_::import("lumoframekit").attr("FrameType");
-            return enumType.attr("_value2member_map_").contains(py::int_(code)) ? enumType(code) : py::object(py::int_(code));
-        })
+        .def_property(
+            "color_space", [](const PyFrame& f) { return f.frame().getColorSpace(); },
+            [](PyFrame& f, std::uint32_t space) {
+                std::unique_lock lock(f.mutex());
+                f.frame().setColorSpace(space);
+            })
+        .def_property_readonly("frame_type",
+                               [](const PyFrame& f) {
+                                   const std::uint32_t code = f.frame().getFrameType();
+                                   py::object enumType = py::module_::import("lumoframekit").attr("FrameType");
+                                   return enumType.attr("_value2member_map_").contains(py::int_(code))
+                                              ? enumType(code)
+                                              : py::object(py::int_(code));
+                               })
         .def_property_readonly("buffer_size", [](const PyFrame& f) { return f.frame().getBufferSize(); })
-        .def_property("timestamp", [](const PyFrame& f) { return f.frame().getTimeStamp(); },
-                      [](PyFrame& f, double t) {
-                          std::unique_lock lock(f.mutex());
-                          f.frame().setTimeStamp(t);
-                      })
+        .def_property(
+            "timestamp", [](const PyFrame& f) { return f.frame().getTimeStamp(); },
+            [](PyFrame& f, double t) {
+                std::unique_lock lock(f.mutex());
+                f.frame().setTimeStamp(t);
+            })
         .def_property_readonly("buffer", [](py::object self) { return self.cast<PyFrame&>().bufferView(self); })
         .def("allocate_buffer", [](py::object self) { return self.cast<PyFrame&>().allocate(self); })
         .def("set_buffer", &PyFrame::setBuffer, py::arg("data"))
-        .def("copy_region", &PyFrame::copyRegion, py::arg("src"), py::arg("src_width"), py::arg("src_height"), py::arg("x"),
-             py::arg("y"))
+        .def("copy_region", &PyFrame::copyRegion, py::arg("src"), py::arg("src_width"), py::arg("src_height"),
+             py::arg("x"), py::arg("y"))
         .def("get_data", &PyFrame::getData, py::arg("out") = py::none())
-        .def("get_data_in_color_space", &PyFrame::getDataInColorSpace, py::arg("color_space"), py::arg("dtype") = py::none(),
-             py::arg("pattern") = 0)
+        .def("get_data_in_color_space", &PyFrame::getDataInColorSpace, py::arg("color_space"),
+             py::arg("dtype") = py::none(), py::arg("pattern") = 0)
         .def_property_readonly("metadata", [](py::object self) { return Metadata{self}; })
         .def("add_metadata", &addMetadata, py::arg("name"), py::arg("value"), py::arg("kind") = "")
         .def("release", &PyFrame::release)
         .def("__enter__", [](py::object self) { return self; })
         .def("__exit__", [](PyFrame& f, py::args) { f.release(); });
 
-    m.def("frame_factory", [](std::uint32_t code, std::int32_t width, std::int32_t height) {
-        IFrame* frame = nullptr;
-        try {
-            frame = frameFactory(static_cast<frametypes::FRAMETYPE>(code), width, height);
-        } catch (const std::invalid_argument& e) {
-            throw py::value_error(e.what());
-        }
-        if (frame == nullptr) throw py::value_error("frame type " + std::to_string(code) + " is not one the factory makes");
-        return std::make_unique<PyFrame>(frame, py::none());
-    }, py::arg("code"), py::arg("width"), py::arg("height"));
+    m.def(
+        "frame_factory",
+        [](std::uint32_t code, std::int32_t width, std::int32_t height) {
+            IFrame* frame = nullptr;
+            try {
+                frame = frameFactory(static_cast<frametypes::FRAMETYPE>(code), width, height);
+            } catch (const std::invalid_argument& e) {
+                throw py::value_error(e.what());
+            }
+            if (frame == nullptr)
+                throw py::value_error("frame type " + std::to_string(code) + " is not one the factory makes");
+            return std::make_unique<PyFrame>(frame, py::none());
+        },
+        py::arg("code"), py::arg("width"), py::arg("height"));
 
     py::class_<PyFramePool>(m, "FramePool")
-        .def("get_frame", [](py::object self, std::uint32_t code, std::int32_t width, std::int32_t height) {
-            FramePool& pool = self.cast<PyFramePool&>().pool();
-            IFrame* frame;
-            {
-                py::gil_scoped_release unlocked;
-                frame = pool.getFrame(code, width, height);
-            }
-            if (frame == nullptr) throw py::value_error("frame type " + std::to_string(code) + " is not one the factory makes");
-            return std::make_unique<PyFrame>(frame, self);
-        }, py::arg("code"), py::arg("width"), py::arg("height"))
+        .def(
+            "get_frame",
+            [](py::object self, std::uint32_t code, std::int32_t width, std::int32_t height) {
+                FramePool& pool = self.cast<PyFramePool&>().pool();
+                IFrame* frame;
+                {
+                    py::gil_scoped_release unlocked;
+                    frame = pool.getFrame(code, width, height);
+                }
+                if (frame == nullptr)
+                    throw py::value_error("frame type " + std::to_string(code) + " is not one the factory makes");
+                return std::make_unique<PyFrame>(frame, self);
+            },
+            py::arg("code"), py::arg("width"), py::arg("height"))
         .def_property_readonly("free_frame_count", [](const PyFramePool& p) { return p.pool().getFreeFrameCount(); })
         .def_property_readonly("limiter", &PyFramePool::limiter)
-        .def("start_reserver", [](PyFramePool& p, std::uint64_t minFree, std::uint64_t maxFree) {
-            if (minFree > maxFree) throw py::value_error("min_free is above max_free");
-            FramePool& pool = p.pool();
-            py::gil_scoped_release unlocked;
-            pool.startReserver(minFree, maxFree);
-        }, py::arg("min_free"), py::arg("max_free"))
-        .def("stop_reserver", [](PyFramePool& p) {
-            FramePool& pool = p.pool();
-            py::gil_scoped_release unlocked;
-            pool.stopReserver();
-        })
-        .def("clear", [](PyFramePool& p) {
-            FramePool& pool = p.pool();
-            py::gil_scoped_release unlocked;
-            pool.clear();
-        })
+        .def(
+            "start_reserver",
+            [](PyFramePool& p, std::uint64_t minFree, std::uint64_t maxFree) {
+                if (minFree > maxFree) throw py::value_error("min_free is above max_free");
+                FramePool& pool = p.pool();
+                py::gil_scoped_release unlocked;
+                pool.startReserver(minFree, maxFree);
+            },
+            py::arg("min_free"), py::arg("max_free"))
+        .def("stop_reserver",
+             [](PyFramePool& p) {
+                 FramePool& pool = p.pool();
+                 py::gil_scoped_release unlocked;
+                 pool.stopReserver();
+             })
+        .def("clear",
+             [](PyFramePool& p) {
+                 FramePool& pool = p.pool();
+                 py::gil_scoped_release unlocked;
+                 pool.clear();
+             })
         .def("destroy", &PyFramePool::destroy)
         .def("__enter__", [](py::object self) { return self; })
         .def("__exit__", [](PyFramePool& p, py::args) { p.destroy(); });
 
-    m.def("create_frame_pool", [](py::object limiter) {
-        if (!limiter.is_none() && !py::isinstance<IMemoryLimiter>(limiter))
-            throw py::type_error("the limiter must be a MemoryLimiter or PhysicalMemoryMemoryLimiter");
-        return std::make_unique<PyFramePool>(std::move(limiter));
-    }, py::arg("limiter") = py::none());
+    m.def(
+        "create_frame_pool",
+        [](py::object limiter) {
+            if (!limiter.is_none() && !py::isinstance<IMemoryLimiter>(limiter))
+                throw py::type_error("the limiter must be a MemoryLimiter or PhysicalMemoryMemoryLimiter");
+            return std::make_unique<PyFramePool>(std::move(limiter));
+        },
+        py::arg("limiter") = py::none());
 }

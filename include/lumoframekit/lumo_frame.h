@@ -76,9 +76,8 @@ protected:
     // getDataInColorSpace. source is this frame or the frame holding its pixels, holder the frame
     // whose buffer holds them.
     void deliverInColorSpace(IFrame& source, const LUMOFrame& holder, std::uint32_t space, void** result,
-                             FrameDims* outDims,
-                             std::uint32_t requested, const std::int32_t* dataType, std::uint32_t alignment,
-                             HostAllocator* allocator);
+                             FrameDims* outDims, std::uint32_t requested, const std::int32_t* dataType,
+                             std::uint32_t alignment, HostAllocator* allocator);
     // Fills the buffer with height rows of width pixels of bytesPerPixel bytes taken from a
     // srcWidth x srcHeight image at (x, y), y counted from the top of the image; a bottom-up source
     // holds its top rows last. A region outside the source copies nothing and gives null.

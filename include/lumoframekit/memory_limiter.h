@@ -56,7 +56,7 @@ public:
     explicit PhysicalMemoryMemoryLimiter(std::uint64_t percent);
     ~PhysicalMemoryMemoryLimiter() override;
 
-    std::uint64_t getMemoryUsed() const override;  // always 0
+    std::uint64_t getMemoryUsed() const override;      // always 0
     void incMemoryUsed(std::uint64_t bytes) override;  // no effect
     void decMemoryUsed(std::uint64_t bytes) override;  // no effect
     // percent of total RAM minus the RAM in use now, or 0 when more than that is in use.

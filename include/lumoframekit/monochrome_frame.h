@@ -70,9 +70,9 @@ enum class MonoStorage {
     Inverted8,     // byte complemented (255 - v)
     Unsigned16LE,  // 9..16 significant bits, little-endian, upper bits passed through unmasked
     Unsigned16BE,
-    SignedLE,      // two's complement of the stored type's size
+    SignedLE,  // two's complement of the stored type's size
     SignedBE,
-    FloatLE,       // IEEE single or double
+    FloatLE,  // IEEE single or double
     FloatBE,
 };
 
@@ -81,7 +81,6 @@ enum class MonoStorage {
 template <typename Stored, MonoStorage Storage, bool BottomUp>
 class LUMOFRAMEKIT_API MonochromeVariant : public MonochromeFrame {
 public:
-
     std::int32_t getDataType() const override;
     std::uint32_t getBitsPerBand() const override;
     void getDisplayRow(std::uint8_t* dest, std::int32_t row) const override;
@@ -94,86 +93,234 @@ protected:
 };
 
 // 8-bit unsigned samples; the only classes with a cache-blocked copy-out.
-class LUMOFRAMEKIT_API MonochromeFrame8bitTopDown final : public MonochromeVariant<std::uint8_t, MonoStorage::Unsigned8, false> { public: MonochromeFrame8bitTopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 8) {} };
-class LUMOFRAMEKIT_API MonochromeFrame8bitBottomUp final : public MonochromeVariant<std::uint8_t, MonoStorage::Unsigned8, true> { public: MonochromeFrame8bitBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 8) {} };
-class LUMOFRAMEKIT_API MonochromeFrame8bitInv final : public MonochromeVariant<std::uint8_t, MonoStorage::Inverted8, false> { public: MonochromeFrame8bitInv(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 8) {} };
+class LUMOFRAMEKIT_API MonochromeFrame8bitTopDown final
+    : public MonochromeVariant<std::uint8_t, MonoStorage::Unsigned8, false> {
+public:
+    MonochromeFrame8bitTopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 8) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame8bitBottomUp final
+    : public MonochromeVariant<std::uint8_t, MonoStorage::Unsigned8, true> {
+public:
+    MonochromeFrame8bitBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 8) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame8bitInv final
+    : public MonochromeVariant<std::uint8_t, MonoStorage::Inverted8, false> {
+public:
+    MonochromeFrame8bitInv(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 8) {}
+};
 
 // Unsigned 9- to 16-bit samples in 16-bit containers, depth as in the name.
-class LUMOFRAMEKIT_API MonochromeFrame9bitLETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> { public: MonochromeFrame9bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 9) {} };
-class LUMOFRAMEKIT_API MonochromeFrame10bitLETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> { public: MonochromeFrame10bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 10) {} };
-class LUMOFRAMEKIT_API MonochromeFrame11bitLETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> { public: MonochromeFrame11bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 11) {} };
-class LUMOFRAMEKIT_API MonochromeFrame12bitLETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> { public: MonochromeFrame12bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 12) {} };
-class LUMOFRAMEKIT_API MonochromeFrame13bitLETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> { public: MonochromeFrame13bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 13) {} };
-class LUMOFRAMEKIT_API MonochromeFrame14bitLETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> { public: MonochromeFrame14bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 14) {} };
-class LUMOFRAMEKIT_API MonochromeFrame15bitLETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> { public: MonochromeFrame15bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 15) {} };
-class LUMOFRAMEKIT_API MonochromeFrame16bitLETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> { public: MonochromeFrame16bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 16) {} };
-class LUMOFRAMEKIT_API MonochromeFrame9bitLEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> { public: MonochromeFrame9bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 9) {} };
-class LUMOFRAMEKIT_API MonochromeFrame10bitLEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> { public: MonochromeFrame10bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 10) {} };
-class LUMOFRAMEKIT_API MonochromeFrame11bitLEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> { public: MonochromeFrame11bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 11) {} };
-class LUMOFRAMEKIT_API MonochromeFrame12bitLEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> { public: MonochromeFrame12bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 12) {} };
-class LUMOFRAMEKIT_API MonochromeFrame13bitLEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> { public: MonochromeFrame13bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 13) {} };
-class LUMOFRAMEKIT_API MonochromeFrame14bitLEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> { public: MonochromeFrame14bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 14) {} };
-class LUMOFRAMEKIT_API MonochromeFrame15bitLEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> { public: MonochromeFrame15bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 15) {} };
-class LUMOFRAMEKIT_API MonochromeFrame16bitLEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> { public: MonochromeFrame16bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 16) {} };
-class LUMOFRAMEKIT_API MonochromeFrame9bitBETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> { public: MonochromeFrame9bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 9) {} };
-class LUMOFRAMEKIT_API MonochromeFrame10bitBETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> { public: MonochromeFrame10bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 10) {} };
-class LUMOFRAMEKIT_API MonochromeFrame11bitBETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> { public: MonochromeFrame11bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 11) {} };
-class LUMOFRAMEKIT_API MonochromeFrame12bitBETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> { public: MonochromeFrame12bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 12) {} };
-class LUMOFRAMEKIT_API MonochromeFrame13bitBETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> { public: MonochromeFrame13bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 13) {} };
-class LUMOFRAMEKIT_API MonochromeFrame14bitBETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> { public: MonochromeFrame14bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 14) {} };
-class LUMOFRAMEKIT_API MonochromeFrame15bitBETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> { public: MonochromeFrame15bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 15) {} };
-class LUMOFRAMEKIT_API MonochromeFrame16bitBETopDown final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> { public: MonochromeFrame16bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 16) {} };
-class LUMOFRAMEKIT_API MonochromeFrame9bitBEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> { public: MonochromeFrame9bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 9) {} };
-class LUMOFRAMEKIT_API MonochromeFrame10bitBEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> { public: MonochromeFrame10bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 10) {} };
-class LUMOFRAMEKIT_API MonochromeFrame11bitBEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> { public: MonochromeFrame11bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 11) {} };
-class LUMOFRAMEKIT_API MonochromeFrame12bitBEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> { public: MonochromeFrame12bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 12) {} };
-class LUMOFRAMEKIT_API MonochromeFrame13bitBEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> { public: MonochromeFrame13bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 13) {} };
-class LUMOFRAMEKIT_API MonochromeFrame14bitBEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> { public: MonochromeFrame14bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 14) {} };
-class LUMOFRAMEKIT_API MonochromeFrame15bitBEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> { public: MonochromeFrame15bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 15) {} };
-class LUMOFRAMEKIT_API MonochromeFrame16bitBEBottomUp final : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> { public: MonochromeFrame16bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 16) {} };
+class LUMOFRAMEKIT_API MonochromeFrame9bitLETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> {
+public:
+    MonochromeFrame9bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 9) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame10bitLETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> {
+public:
+    MonochromeFrame10bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 10) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame11bitLETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> {
+public:
+    MonochromeFrame11bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 11) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame12bitLETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> {
+public:
+    MonochromeFrame12bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 12) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame13bitLETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> {
+public:
+    MonochromeFrame13bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 13) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame14bitLETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> {
+public:
+    MonochromeFrame14bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 14) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame15bitLETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> {
+public:
+    MonochromeFrame15bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 15) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame16bitLETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, false> {
+public:
+    MonochromeFrame16bitLETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 16) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame9bitLEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> {
+public:
+    MonochromeFrame9bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 9) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame10bitLEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> {
+public:
+    MonochromeFrame10bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 10) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame11bitLEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> {
+public:
+    MonochromeFrame11bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 11) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame12bitLEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> {
+public:
+    MonochromeFrame12bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 12) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame13bitLEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> {
+public:
+    MonochromeFrame13bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 13) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame14bitLEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> {
+public:
+    MonochromeFrame14bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 14) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame15bitLEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> {
+public:
+    MonochromeFrame15bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 15) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame16bitLEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16LE, true> {
+public:
+    MonochromeFrame16bitLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 16) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame9bitBETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> {
+public:
+    MonochromeFrame9bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 9) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame10bitBETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> {
+public:
+    MonochromeFrame10bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 10) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame11bitBETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> {
+public:
+    MonochromeFrame11bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 11) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame12bitBETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> {
+public:
+    MonochromeFrame12bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 12) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame13bitBETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> {
+public:
+    MonochromeFrame13bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 13) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame14bitBETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> {
+public:
+    MonochromeFrame14bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 14) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame15bitBETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> {
+public:
+    MonochromeFrame15bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 15) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame16bitBETopDown final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, false> {
+public:
+    MonochromeFrame16bitBETopDown(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 16) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame9bitBEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> {
+public:
+    MonochromeFrame9bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 9) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame10bitBEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> {
+public:
+    MonochromeFrame10bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 10) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame11bitBEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> {
+public:
+    MonochromeFrame11bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 11) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame12bitBEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> {
+public:
+    MonochromeFrame12bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 12) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame13bitBEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> {
+public:
+    MonochromeFrame13bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 13) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame14bitBEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> {
+public:
+    MonochromeFrame14bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 14) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame15bitBEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> {
+public:
+    MonochromeFrame15bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 15) {}
+};
+class LUMOFRAMEKIT_API MonochromeFrame16bitBEBottomUp final
+    : public MonochromeVariant<std::uint16_t, MonoStorage::Unsigned16BE, true> {
+public:
+    MonochromeFrame16bitBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeVariant(w, h, 16) {}
+};
 
 // Signed integer samples; U is the unsigned type of the same size.
 template <typename S, typename U>
 class LUMOFRAMEKIT_API MonochromeFrameINTLETopDown final : public MonochromeVariant<S, MonoStorage::SignedLE, false> {
 public:
-    MonochromeFrameINTLETopDown(std::int32_t w, std::int32_t h) : MonochromeFrameINTLETopDown::MonochromeVariant(w, h, 8 * sizeof(S)) {}
+    MonochromeFrameINTLETopDown(std::int32_t w, std::int32_t h)
+        : MonochromeFrameINTLETopDown::MonochromeVariant(w, h, 8 * sizeof(S)) {}
 };
 template <typename S, typename U>
 class LUMOFRAMEKIT_API MonochromeFrameINTLEBottomUp final : public MonochromeVariant<S, MonoStorage::SignedLE, true> {
 public:
-    MonochromeFrameINTLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeFrameINTLEBottomUp::MonochromeVariant(w, h, 8 * sizeof(S)) {}
+    MonochromeFrameINTLEBottomUp(std::int32_t w, std::int32_t h)
+        : MonochromeFrameINTLEBottomUp::MonochromeVariant(w, h, 8 * sizeof(S)) {}
 };
 template <typename S, typename U>
 class LUMOFRAMEKIT_API MonochromeFrameINTBETopDown final : public MonochromeVariant<S, MonoStorage::SignedBE, false> {
 public:
-    MonochromeFrameINTBETopDown(std::int32_t w, std::int32_t h) : MonochromeFrameINTBETopDown::MonochromeVariant(w, h, 8 * sizeof(S)) {}
+    MonochromeFrameINTBETopDown(std::int32_t w, std::int32_t h)
+        : MonochromeFrameINTBETopDown::MonochromeVariant(w, h, 8 * sizeof(S)) {}
 };
 template <typename S, typename U>
 class LUMOFRAMEKIT_API MonochromeFrameINTBEBottomUp final : public MonochromeVariant<S, MonoStorage::SignedBE, true> {
 public:
-    MonochromeFrameINTBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeFrameINTBEBottomUp::MonochromeVariant(w, h, 8 * sizeof(S)) {}
+    MonochromeFrameINTBEBottomUp(std::int32_t w, std::int32_t h)
+        : MonochromeFrameINTBEBottomUp::MonochromeVariant(w, h, 8 * sizeof(S)) {}
 };
 
 // Floating-point samples, float or double.
 template <typename F>
 class LUMOFRAMEKIT_API MonochromeFrameFloatLETopDown final : public MonochromeVariant<F, MonoStorage::FloatLE, false> {
 public:
-    MonochromeFrameFloatLETopDown(std::int32_t w, std::int32_t h) : MonochromeFrameFloatLETopDown::MonochromeVariant(w, h, 8 * sizeof(F)) {}
+    MonochromeFrameFloatLETopDown(std::int32_t w, std::int32_t h)
+        : MonochromeFrameFloatLETopDown::MonochromeVariant(w, h, 8 * sizeof(F)) {}
 };
 template <typename F>
 class LUMOFRAMEKIT_API MonochromeFrameFloatLEBottomUp final : public MonochromeVariant<F, MonoStorage::FloatLE, true> {
 public:
-    MonochromeFrameFloatLEBottomUp(std::int32_t w, std::int32_t h) : MonochromeFrameFloatLEBottomUp::MonochromeVariant(w, h, 8 * sizeof(F)) {}
+    MonochromeFrameFloatLEBottomUp(std::int32_t w, std::int32_t h)
+        : MonochromeFrameFloatLEBottomUp::MonochromeVariant(w, h, 8 * sizeof(F)) {}
 };
 template <typename F>
 class LUMOFRAMEKIT_API MonochromeFrameFloatBETopDown final : public MonochromeVariant<F, MonoStorage::FloatBE, false> {
 public:
-    MonochromeFrameFloatBETopDown(std::int32_t w, std::int32_t h) : MonochromeFrameFloatBETopDown::MonochromeVariant(w, h, 8 * sizeof(F)) {}
+    MonochromeFrameFloatBETopDown(std::int32_t w, std::int32_t h)
+        : MonochromeFrameFloatBETopDown::MonochromeVariant(w, h, 8 * sizeof(F)) {}
 };
 template <typename F>
 class LUMOFRAMEKIT_API MonochromeFrameFloatBEBottomUp final : public MonochromeVariant<F, MonoStorage::FloatBE, true> {
 public:
-    MonochromeFrameFloatBEBottomUp(std::int32_t w, std::int32_t h) : MonochromeFrameFloatBEBottomUp::MonochromeVariant(w, h, 8 * sizeof(F)) {}
+    MonochromeFrameFloatBEBottomUp(std::int32_t w, std::int32_t h)
+        : MonochromeFrameFloatBEBottomUp::MonochromeVariant(w, h, 8 * sizeof(F)) {}
 };
 
 }  // namespace lumoframekit

@@ -20,8 +20,10 @@ public:
     bool execute() override {
         const auto [minFree, maxFree] = pool->bounds();
         const std::uint64_t freeCount = pool->getFreeFrameCount();
-        if (freeCount < minFree) pool->reserveFrames(minFree - freeCount);
-        else if (freeCount > maxFree) pool->discardFrames(freeCount - maxFree);
+        if (freeCount < minFree)
+            pool->reserveFrames(minFree - freeCount);
+        else if (freeCount > maxFree)
+            pool->discardFrames(freeCount - maxFree);
         return true;
     }
 
@@ -42,7 +44,8 @@ auto findFrame(std::list<Entry>& entries, IFrame* frame) {
 
 }  // namespace
 
-LUMOFramePool::LUMOFramePool(IMemoryLimiter* limiter) : reserverThread(rigutil::StopDiscardPending), memoryLimiter(limiter) {}
+LUMOFramePool::LUMOFramePool(IMemoryLimiter* limiter)
+    : reserverThread(rigutil::StopDiscardPending), memoryLimiter(limiter) {}
 
 LUMOFramePool::~LUMOFramePool() {
     stopReserver();
@@ -52,8 +55,8 @@ LUMOFramePool::~LUMOFramePool() {
 void LUMOFramePool::destroy() { delete this; }
 
 IFrame* LUMOFramePool::newFrame(const Format& format) {
-    IFrame* frame = frameFactory(static_cast<frametypes::FRAMETYPE>(format.type), static_cast<std::int32_t>(format.width),
-                                 static_cast<std::int32_t>(format.height));
+    IFrame* frame = frameFactory(static_cast<frametypes::FRAMETYPE>(format.type),
+                                 static_cast<std::int32_t>(format.width), static_cast<std::int32_t>(format.height));
     if (frame != nullptr) {
         frame->setFramePool(this);
         frame->setMemoryLimiter(memoryLimiter);

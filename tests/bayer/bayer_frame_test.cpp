@@ -13,7 +13,6 @@
 using namespace lumoframekit;
 using namespace lumotest;
 
-
 TEST(BayerFactory, EveryCodeBuildsItsDepthPackingAndPattern) {
     const std::uint32_t bits[9] = {8, 10, 12, 14, 16, 10, 12, 10, 12};
     const std::uint32_t patterns[4] = {0, 1, 2, 4};
@@ -33,7 +32,8 @@ TEST(BayerFactory, EveryCodeBuildsItsDepthPackingAndPattern) {
         const std::uint64_t expect = !packed ? 24u * (index < 4 ? 1 : 2) : (index >= 0x1C && index < 0x20) ? 30u : 36u;
         EXPECT_EQ(bayer->getBufferSize(), expect) << index;
     }
-    for (std::uint32_t code : {0x06030024u, 0x06040000u, 0x06000000u, 0x06030100u}) EXPECT_EQ(make(code, 4, 4), nullptr);
+    for (std::uint32_t code : {0x06030024u, 0x06040000u, 0x06000000u, 0x06030100u})
+        EXPECT_EQ(make(code, 4, 4), nullptr);
 }
 
 TEST(BayerFrame, UnsupportedDepthsAreRefusedWithTheirMessage) {
@@ -59,8 +59,8 @@ TEST(BayerFrame, GetDataDemosaicsIntoOneOrThreePointers) {
     std::vector<std::uint16_t> mosaic(w * h), expect(3 * w * h);
     for (int x = 0; x < w; ++x)
         for (int y = 0; y < h; ++y) mosaic[x * h + y] = stored[y * w + x];
-    BayerUtil::demosaic16(mosaic.data(), expect.data(), expect.data() + w * h, expect.data() + 2 * w * h, w * h,
-                          {h, w}, 4, 12);
+    BayerUtil::demosaic16(mosaic.data(), expect.data(), expect.data() + w * h, expect.data() + 2 * w * h, w * h, {h, w},
+                          4, 12);
 
     std::vector<std::uint16_t> block(3 * w * h);
     void* one[] = {block.data(), nullptr};

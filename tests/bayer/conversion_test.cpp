@@ -16,7 +16,6 @@ using lumotest::make;
 
 namespace {
 
-
 const int sizes[8] = {1, 1, 2, 2, 4, 4, 4, 8};
 const bool isSigned[8] = {false, true, false, true, false, true, true, true};
 
@@ -25,12 +24,36 @@ double readAsDouble(const std::uint8_t* p, int type) {
     switch (type) {
         case 0: return *p;
         case 1: return static_cast<std::int8_t>(*p);
-        case 2: { std::uint16_t v; std::memcpy(&v, p, 2); return v; }
-        case 3: { std::int16_t v; std::memcpy(&v, p, 2); return v; }
-        case 4: { std::uint32_t v; std::memcpy(&v, p, 4); return v; }
-        case 5: { std::int32_t v; std::memcpy(&v, p, 4); return v; }
-        case 6: { float v; std::memcpy(&v, p, 4); return v; }
-        default: { double v; std::memcpy(&v, p, 8); return v; }
+        case 2: {
+            std::uint16_t v;
+            std::memcpy(&v, p, 2);
+            return v;
+        }
+        case 3: {
+            std::int16_t v;
+            std::memcpy(&v, p, 2);
+            return v;
+        }
+        case 4: {
+            std::uint32_t v;
+            std::memcpy(&v, p, 4);
+            return v;
+        }
+        case 5: {
+            std::int32_t v;
+            std::memcpy(&v, p, 4);
+            return v;
+        }
+        case 6: {
+            float v;
+            std::memcpy(&v, p, 4);
+            return v;
+        }
+        default: {
+            double v;
+            std::memcpy(&v, p, 8);
+            return v;
+        }
     }
 }
 
@@ -40,13 +63,20 @@ std::vector<std::uint8_t> reference(const std::uint8_t* p, int from, int to, int
     const double v = readAsDouble(p, from);
     if (to >= 6) {
         double r;
-        if (from >= 6) r = v;
-        else if (from == 0) r = v / 256.0;
-        else if (from == 2) r = v / std::ldexp(1.0, b);
-        else if (from == 1) r = (v + 128) / std::ldexp(1.0, b);
-        else if (from == 3) r = (v + 32768) / std::ldexp(1.0, b);
-        else if (from == 4) r = v * std::ldexp(1.0, -32);
-        else r = (v + 2147483648.0) * std::ldexp(1.0, -32);
+        if (from >= 6)
+            r = v;
+        else if (from == 0)
+            r = v / 256.0;
+        else if (from == 2)
+            r = v / std::ldexp(1.0, b);
+        else if (from == 1)
+            r = (v + 128) / std::ldexp(1.0, b);
+        else if (from == 3)
+            r = (v + 32768) / std::ldexp(1.0, b);
+        else if (from == 4)
+            r = v * std::ldexp(1.0, -32);
+        else
+            r = (v + 2147483648.0) * std::ldexp(1.0, -32);
         if (to == 6) {
             const float f = static_cast<float>(r);
             std::memcpy(out.data(), &f, 4);
@@ -67,9 +97,12 @@ std::vector<std::uint8_t> reference(const std::uint8_t* p, int from, int to, int
         const std::int64_t x = static_cast<std::int64_t>(v);
         std::int64_t s = b < w ? x * (std::int64_t{1} << (w - b)) : (x >> (b - w));
         bool offset;
-        if (from == 0 || from == 2 || from == 4) offset = isSigned[to];
-        else if (from == 1) offset = isSigned[to];
-        else offset = !isSigned[to];
+        if (from == 0 || from == 2 || from == 4)
+            offset = isSigned[to];
+        else if (from == 1)
+            offset = isSigned[to];
+        else
+            offset = !isSigned[to];
         if (offset) s += std::int64_t{1} << (w - 1);
         result = s;
     }
@@ -85,8 +118,10 @@ TEST(ElementConversion, EveryPairFollowsTheRules) {
     for (int from = 0; from < 8; ++from)
         for (int to = 0; to < 8; ++to) {
             if (from == to) continue;
-            const std::vector<int> depths = from == 2 ? std::vector<int>{10, 12, 16} : from == 3 ? std::vector<int>{16}
-                                          : from == 0 || from == 1 ? std::vector<int>{8} : std::vector<int>{32};
+            const std::vector<int> depths = from == 2                ? std::vector<int>{10, 12, 16}
+                                            : from == 3              ? std::vector<int>{16}
+                                            : from == 0 || from == 1 ? std::vector<int>{8}
+                                                                     : std::vector<int>{32};
             for (int b : depths) {
                 const int count = 64;
                 std::vector<std::uint8_t> in(count * sizes[from]);
@@ -109,7 +144,8 @@ TEST(ElementConversion, EveryPairFollowsTheRules) {
                 convertElements(in.data(), from, out.data(), to, count, b);
                 for (int i = 0; i < count; ++i) {
                     const auto expect = reference(&in[i * sizes[from]], from, to, b);
-                    ASSERT_EQ(std::vector<std::uint8_t>(out.begin() + i * sizes[to], out.begin() + (i + 1) * sizes[to]), expect)
+                    ASSERT_EQ(std::vector<std::uint8_t>(out.begin() + i * sizes[to], out.begin() + (i + 1) * sizes[to]),
+                              expect)
                         << "from " << from << " to " << to << " bits " << b << " element " << i;
                 }
             }
@@ -206,7 +242,8 @@ TEST(ColorRoutes, BayerFramesGiveMosaicRgbAndYuv) {
     FrameDims dims{};
     frame->getDataInColorSpace(&result, &dims, COLORSPACE_RGB, nullptr, 0, nullptr);
     ASSERT_NE(result, nullptr);
-    EXPECT_EQ(std::vector<std::uint8_t>(static_cast<std::uint8_t*>(result), static_cast<std::uint8_t*>(result) + 3 * n), rgb);
+    EXPECT_EQ(std::vector<std::uint8_t>(static_cast<std::uint8_t*>(result), static_cast<std::uint8_t*>(result) + 3 * n),
+              rgb);
     delete[] static_cast<std::uint8_t*>(result);
 
     // RGB to YUV in place: Y over R, then U from that Y, then V from that Y and U.

@@ -39,8 +39,10 @@ std::vector<T> referenceDemosaic(const std::vector<T>& mosaic, int width, int he
     const std::size_t n = static_cast<std::size_t>(width) * height;
     std::vector<T> out(3 * n);
     auto store = [&](double v) -> T {
-        if (v >= upper) v = upper;
-        else if (v < 0.0) v = 0.0;
+        if (v >= upper)
+            v = upper;
+        else if (v < 0.0)
+            v = 0.0;
         return static_cast<T>(std::trunc(v));
     };
     for (int x = 0; x < width; ++x)
@@ -74,16 +76,19 @@ std::vector<T> run(const std::vector<T>& mosaic, int width, int height, std::uin
                    T fill = 0, bool fromRows = false) {
     const std::size_t n = static_cast<std::size_t>(width) * height;
     std::vector<T> out(3 * n, fill);
-    const std::pair<std::uint32_t, std::uint32_t> dims{static_cast<std::uint32_t>(height), static_cast<std::uint32_t>(width)};
+    const std::pair<std::uint32_t, std::uint32_t> dims{static_cast<std::uint32_t>(height),
+                                                       static_cast<std::uint32_t>(width)};
     if (fromRows) {
         const std::size_t pitch = static_cast<std::size_t>(width) + 3;
         std::vector<T> rows(pitch * height, static_cast<T>(0x5A5A));
         for (int x = 0; x < width; ++x)
             for (int y = 0; y < height; ++y) rows[y * pitch + x] = mosaic[static_cast<std::size_t>(x) * height + y];
         if constexpr (sizeof(T) == 1)
-            BayerUtil::demosaicRows8(rows.data(), pitch, out.data(), out.data() + n, out.data() + 2 * n, dims, alignment, bits);
+            BayerUtil::demosaicRows8(rows.data(), pitch, out.data(), out.data() + n, out.data() + 2 * n, dims,
+                                     alignment, bits);
         else
-            BayerUtil::demosaicRows16(rows.data(), pitch, out.data(), out.data() + n, out.data() + 2 * n, dims, alignment, bits);
+            BayerUtil::demosaicRows16(rows.data(), pitch, out.data(), out.data() + n, out.data() + 2 * n, dims,
+                                      alignment, bits);
     } else if constexpr (sizeof(T) == 1)
         BayerUtil::demosaic8(mosaic.data(), out.data(), out.data() + n, out.data() + 2 * n, n, dims, alignment, bits);
     else
@@ -115,7 +120,8 @@ TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
                         // Samples up to the full 16 bits, so that raw values above 2^bits pass through
                         // unclamped and computed ones clamp.
                         std::vector<std::uint16_t> mosaic(static_cast<std::size_t>(w) * h);
-                        for (auto& v : mosaic) v = static_cast<std::uint16_t>(rng() >> (rng() % 2 ? 16 : 16 + 16 - bits));
+                        for (auto& v : mosaic)
+                            v = static_cast<std::uint16_t>(rng() >> (rng() % 2 ? 16 : 16 + 16 - bits));
                         const auto expected = referenceDemosaic(mosaic, w, h, alignment, bits);
                         EXPECT_EQ(run(mosaic, w, h, alignment, bits, std::uint16_t{0xA5A5}), expected);
                         EXPECT_EQ(run(mosaic, w, h, alignment, bits, std::uint16_t{0xA5A5}, true), expected);
@@ -142,8 +148,10 @@ TEST(Demosaic, PlanesAreTheSameWhicheverThreadsRunTheTasks) {
         std::optional<oneapi::tbb::global_control> limit;
         if (threads != 0) limit.emplace(oneapi::tbb::global_control::max_allowed_parallelism, threads);
         for (int round = 0; round < 10; ++round) {
-            EXPECT_EQ(run(mosaic, 1200, 800, 2, 8, std::uint8_t{0xA5}, round % 2 == 1), expected) << threads << " " << round;
-            EXPECT_EQ(run(mosaic16, 1200, 800, 1, 12, std::uint16_t{0xA5A5}, round % 2 == 1), expected16) << threads << " " << round;
+            EXPECT_EQ(run(mosaic, 1200, 800, 2, 8, std::uint8_t{0xA5}, round % 2 == 1), expected)
+                << threads << " " << round;
+            EXPECT_EQ(run(mosaic16, 1200, 800, 1, 12, std::uint16_t{0xA5A5}, round % 2 == 1), expected16)
+                << threads << " " << round;
         }
     }
 }
@@ -157,7 +165,8 @@ TEST(Demosaic, UniformMosaicGivesItsValueEverywhere) {
 
 TEST(Demosaic, UnknownPatternsLeaveThePlanesAlone) {
     const std::vector<std::uint8_t> mosaic(16, 9);
-    for (std::uint32_t alignment : {3u, 5u, 0xFFFFFFFFu}) EXPECT_EQ(run(mosaic, 4, 4, alignment, 8, std::uint8_t{77}), std::vector<std::uint8_t>(48, 77));
+    for (std::uint32_t alignment : {3u, 5u, 0xFFFFFFFFu})
+        EXPECT_EQ(run(mosaic, 4, 4, alignment, 8, std::uint8_t{77}), std::vector<std::uint8_t>(48, 77));
 }
 
 TEST(Demosaic, ClampsComputedValuesButNotRawOnes) {
@@ -177,7 +186,8 @@ TEST(Demosaic, TinyImagesStayInsideTheirPlanes) {
     for (auto [w, h] : {std::pair{1, 1}, {2, 2}, {1, 5}, {6, 2}, {2, 1}}) {
         const std::vector<std::uint8_t> mosaic(static_cast<std::size_t>(w) * h, 50);
         for (bool fromRows : {false, true})
-            EXPECT_EQ(run(mosaic, w, h, 4, 8, std::uint8_t{0}, fromRows), std::vector<std::uint8_t>(3 * mosaic.size(), 50))
+            EXPECT_EQ(run(mosaic, w, h, 4, 8, std::uint8_t{0}, fromRows),
+                      std::vector<std::uint8_t>(3 * mosaic.size(), 50))
                 << w << "x" << h;
     }
     EXPECT_TRUE(run(std::vector<std::uint8_t>{}, 0, 4, 0, 8).empty());

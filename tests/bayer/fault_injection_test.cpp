@@ -12,7 +12,6 @@
 using namespace lumoframekit;
 using namespace lumotest;
 
-
 TEST(FaultInjection, EveryFailingAllocationReleasesWhatWasTaken) {
     const std::uint32_t codes[] = {0x11010000, 0x11010004, 0x11010017, 0x11010013, 0x11010019, 0x06030003, 0x0603001B,
                                    0x01000000, 0x05000003, 0x02000001, 0x03000000, 0x04000002, 0x07000001};
@@ -36,7 +35,8 @@ TEST(FaultInjection, EveryFailingAllocationReleasesWhatWasTaken) {
                         failed = true;
                     }
                     if (result != nullptr) allocator.release(result);
-                    ASSERT_EQ(allocator.live, 0) << std::hex << code << std::dec << " request " << request << " type " << type << " k " << k;
+                    ASSERT_EQ(allocator.live, 0)
+                        << std::hex << code << std::dec << " request " << request << " type " << type << " k " << k;
                     EXPECT_EQ(frame->getColorSpace(), space);
                     EXPECT_EQ(frame->getDimensions()->bands, before.bands);
                     if (!failed) break;  // every allocation of this call has been failed once

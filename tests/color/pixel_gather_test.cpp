@@ -24,12 +24,19 @@ const Layout layouts[] = {
     {"BGR", 48, [](int c, std::size_t i) { return 3 * i + static_cast<std::size_t>(2 - c); }},
     {"BGRX", 64, [](int c, std::size_t i) { return 4 * i + static_cast<std::size_t>(2 - c); }},
     // U Y V Y: Y per pixel, U and V per pair.
-    {"UYVY", 32, [](int c, std::size_t i) { return i / 2 * 4 + (c == 0 ? 1 + 2 * (i % 2) : c == 1 ? 0 : 2); }},
+    {"UYVY", 32, [](int c, std::size_t i) { return i / 2 * 4 + (c == 0   ? 1 + 2 * (i % 2)
+                                                                : c == 1 ? 0
+                                                                         : 2); }},
     // U Y Y V Y Y: chroma per four pixels.
-    {"UYYVYY", 24, [](int c, std::size_t i) { return i / 4 * 6 + (c == 0 ? std::array<std::size_t, 4>{1, 2, 4, 5}[i % 4] : c == 1 ? 0 : 3); }},
+    {"UYYVYY", 24,
+     [](int c, std::size_t i) {
+         return i / 4 * 6 + (c == 0 ? std::array<std::size_t, 4>{1, 2, 4, 5}[i % 4] : c == 1 ? 0 : 3);
+     }},
     // Eight pixels in twelve bytes, chroma per four.
-    {"8 in 12", 24, [](int c, std::size_t i) {
-         constexpr std::array<std::size_t, 8> y{1, 3, 5, 7, 8, 9, 10, 11}, u{0, 0, 0, 0, 4, 4, 4, 4}, v{2, 2, 2, 2, 6, 6, 6, 6};
+    {"8 in 12", 24,
+     [](int c, std::size_t i) {
+         constexpr std::array<std::size_t, 8> y{1, 3, 5, 7, 8, 9, 10, 11}, u{0, 0, 0, 0, 4, 4, 4, 4},
+             v{2, 2, 2, 2, 6, 6, 6, 6};
          return i / 8 * 12 + (c == 0 ? y : c == 1 ? u : v)[i % 8];
      }},
 };
@@ -51,13 +58,15 @@ TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
     for (int bits : {512, 256, 128, 0}) {
         limitVectorWidth(bits);
         for (const Layout& layout : layouts)
-            for (auto [width, height] : {std::pair<std::size_t, std::size_t>{64, 48}, {70, 37}, {33, 16}, {5, 3}, {96, 17}})
+            for (auto [width, height] :
+                 {std::pair<std::size_t, std::size_t>{64, 48}, {70, 37}, {33, 16}, {5, 3}, {96, 17}})
                 for (bool flip : {false, true}) {
                     const std::size_t groups = (width + 15) / 16;
                     const std::size_t stride = groups * layout.blockBytes + 5;
                     std::size_t used = 0;  // bytes of the last row up to its last sample
                     for (int c = 0; c < 3; ++c)
-                        used = std::max(used, (width - 1) / 16 * layout.blockBytes + layout.byteOf(c, (width - 1) % 16) + 1);
+                        used = std::max(used,
+                                        (width - 1) / 16 * layout.blockBytes + layout.byteOf(c, (width - 1) % 16) + 1);
                     std::vector<std::uint8_t> src((height - 1) * stride + used);
                     for (auto& b : src) b = static_cast<std::uint8_t>(rng());
                     std::vector<std::uint8_t> expected(3 * width * height);
@@ -65,11 +74,14 @@ TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
                         for (std::size_t y = 0; y < height; ++y) {
                             const std::uint8_t* row = src.data() + (flip ? height - 1 - y : y) * stride;
                             for (int c = 0; c < 3; ++c)
-                                expected[c * width * height + x * height + y] = row[x / 16 * layout.blockBytes + layout.byteOf(c, x % 16)];
+                                expected[c * width * height + x * height + y] =
+                                    row[x / 16 * layout.blockBytes + layout.byteOf(c, x % 16)];
                         }
                     std::vector<std::uint8_t> out(expected.size(), 0xEE);
-                    std::uint8_t* const planes[3] = {out.data(), out.data() + width * height, out.data() + 2 * width * height};
-                    splitInterleaved(src.data(), stride, src.data() + src.size(), width, height, flip, blockOf(layout), planes);
+                    std::uint8_t* const planes[3] = {out.data(), out.data() + width * height,
+                                                     out.data() + 2 * width * height};
+                    splitInterleaved(src.data(), stride, src.data() + src.size(), width, height, flip, blockOf(layout),
+                                     planes);
                     EXPECT_EQ(out, expected) << layout.name << " " << width << "x" << height << (flip ? " flipped" : "")
                                              << " vectors up to " << bits << " bits";
                 }

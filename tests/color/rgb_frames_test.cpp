@@ -31,7 +31,8 @@ const Layout layouts[18] = {
     {6, 12, 2, false, {{0, 1}, {2, 3}, {4, 5}}}, {6, 12, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
 };
 
-std::vector<std::uint8_t> rgb24Reference(const Layout& l, const std::vector<std::uint8_t>& raw, int w, int h, bool bottomUp) {
+std::vector<std::uint8_t> rgb24Reference(const Layout& l, const std::vector<std::uint8_t>& raw, int w, int h,
+                                         bool bottomUp) {
     const std::size_t plane = static_cast<std::size_t>(w) * h * l.bps;
     std::vector<std::uint8_t> out(3 * plane);
     for (int x = 0; x < w; ++x)
@@ -39,7 +40,8 @@ std::vector<std::uint8_t> rgb24Reference(const Layout& l, const std::vector<std:
             const int row = bottomUp ? h - 1 - y : y;
             for (int c = 0; c < 3; ++c)
                 for (int k = 0; k < l.bps; ++k)
-                    out[c * plane + (static_cast<std::size_t>(x) * h + y) * l.bps + k] = raw[(row * w + x) * l.bpp + l.off[c][k]];
+                    out[c * plane + (static_cast<std::size_t>(x) * h + y) * l.bps + k] =
+                        raw[(row * w + x) * l.bpp + l.off[c][k]];
         }
     return out;
 }
@@ -53,7 +55,8 @@ TEST(RGB24Frame, EverySubtypeConvertsLikeTheReference) {
             std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}};
             if (subtype == 0 || subtype == 9) sizes.push_back({1024, 768});  // tiled
             for (auto [w, h] : sizes) {
-                SCOPED_TRACE(::testing::Message() << "subtype " << subtype << (bottomUp ? " bottom-up " : " ") << w << "x" << h);
+                SCOPED_TRACE(::testing::Message()
+                             << "subtype " << subtype << (bottomUp ? " bottom-up " : " ") << w << "x" << h);
                 const Layout& l = layouts[subtype];
                 FramePtr frame = make(0x01000000u | (bottomUp ? 0x100u : 0u) | subtype, w, h);
                 ASSERT_EQ(frame->getBufferSize(), static_cast<std::uint64_t>(w) * h * l.bpp);
@@ -172,7 +175,8 @@ void rgb16Expected(int subtype, std::uint32_t p, std::uint32_t& r, std::uint32_t
         case 5: r = (p & 0xFFC00000) >> 22, g = (p & 0x003FF000) >> 12, b = (p & 0x00000FFC) >> 2; break;
         case 6: r = (p & 0x00000FFC) >> 2, g = (p & 0x003FF000) >> 12, b = (p & 0xFFC00000) >> 22; break;
         case 7:
-            r = ((p & 0x000000FF) << 2) | ((p & 0xC0000000) >> 30), g = ((p & 0x0000FF00) >> 6) | ((p & 0x30000000) >> 28);
+            r = ((p & 0x000000FF) << 2) | ((p & 0xC0000000) >> 30),
+            g = ((p & 0x0000FF00) >> 6) | ((p & 0x30000000) >> 28);
             b = ((p & 0x00FF0000) >> 14) | ((p & 0x0C000000) >> 26);
             break;
         default:
@@ -243,7 +247,8 @@ TEST(RGB24Planar, EverySubtypeConvertsAndInterleaves) {
                     for (int y = 0; y < h; ++y)
                         for (int k = 0; k < l.bps; ++k)
                             expect[c * plane + (static_cast<std::size_t>(x) * h + y) * l.bps + k] =
-                                raw[c * plane + (static_cast<std::size_t>(y) * w + x) * l.bps + (l.bigEndian ? l.bps - 1 - k : k)];
+                                raw[c * plane + (static_cast<std::size_t>(y) * w + x) * l.bps +
+                                    (l.bigEndian ? l.bps - 1 - k : k)];
             EXPECT_EQ(planesOf(*frame, expect.size()), expect) << subtype;
 
             std::vector<std::uint8_t> interleaved(3 * plane, 0x33), expectRaw(3 * plane, 0x33);
@@ -263,7 +268,8 @@ TEST(RGB24Planar, RegionOriginIsNotScaledBySampleSize) {
     std::vector<std::uint16_t> src(3 * sw * sh);
     for (int c = 0; c < 3; ++c)
         for (int y = 0; y < sh; ++y)
-            for (int x = 0; x < sw; ++x) src[c * sw * sh + y * sw + x] = static_cast<std::uint16_t>(100 * c + 10 * y + x);
+            for (int x = 0; x < sw; ++x)
+                src[c * sw * sh + y * sw + x] = static_cast<std::uint16_t>(100 * c + 10 * y + x);
     FramePtr frame = make(0x02000001, 2, 1);
     ASSERT_NE(frame->copyRegionToBuffer(reinterpret_cast<const std::uint8_t*>(src.data()), sw, sh, 0, 2), nullptr);
     // The origin moved by y * srcWidth = 8 bytes, that is 4 samples: row 1, not row 2.

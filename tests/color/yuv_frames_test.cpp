@@ -26,7 +26,8 @@ const Packing packings[7] = {
 };
 
 // Pixel (px, py) of a packed image whose rows hold `groups` macro-pixels: Y, U, V.
-std::array<std::uint8_t, 3> packedPixel(const Packing& p, const std::vector<std::uint8_t>& raw, int groups, int px, int py) {
+std::array<std::uint8_t, 3> packedPixel(const Packing& p, const std::vector<std::uint8_t>& raw, int groups, int px,
+                                        int py) {
     const std::uint8_t* g = &raw[(static_cast<std::size_t>(py) * groups + px / p.ppg) * p.bpg];
     const int k = px % p.ppg;
     return {g[p.y[k]], g[p.u[k]], g[p.v[k]]};
@@ -49,7 +50,8 @@ TEST(YUVPackedFrame, EverySubtypeSplitsItsMacroPixels) {
             for (int x = 0; x < w; ++x)
                 for (int y = 0; y < h; ++y) {
                     const auto yuv = packedPixel(p, raw, groups, x, y);
-                    for (int c = 0; c < 3; ++c) ASSERT_EQ(out[c * n + x * h + y], yuv[c]) << subtype << " " << x << "," << y;
+                    for (int c = 0; c < 3; ++c)
+                        ASSERT_EQ(out[c * n + x * h + y], yuv[c]) << subtype << " " << x << "," << y;
                 }
         }
 }
@@ -71,7 +73,8 @@ TEST(YUVPackedFrame, RegionsAtAnyPhaseMatchTheCropWhereTheyDeliver) {
                         if (out[i * 3 + j] == 0xA7 && out[n + i * 3 + j] == 0xA7) continue;  // not delivered
                         const auto yuv = packedPixel(p, src, srcGroups, x + i, 1 + j);
                         for (int c = 0; c < 3; ++c)
-                            ASSERT_EQ(out[c * n + i * 3 + j], yuv[c]) << subtype << " x " << x << " w " << w << " at " << i;
+                            ASSERT_EQ(out[c * n + i * 3 + j], yuv[c])
+                                << subtype << " x " << x << " w " << w << " at " << i;
                     }
             }
         }
@@ -175,7 +178,8 @@ TEST(YUVHybridFrame, BothLayoutsAndRegionsAtOddOffsets) {
         for (int x = 0; x < sw; ++x)
             for (int y = 0; y < sh; ++y) {
                 const auto yuv = hybridPixel(subtype, src, sw, sh, x, y);
-                for (int c = 0; c < 3; ++c) ASSERT_EQ(all[c * n + x * sh + y], yuv[c]) << subtype << " " << x << "," << y;
+                for (int c = 0; c < 3; ++c)
+                    ASSERT_EQ(all[c * n + x * sh + y], yuv[c]) << subtype << " " << x << "," << y;
             }
         int compared = 0;
         for (auto [x, y] : {std::pair{1, 1}, {2, 2}, {3, 0}, {0, 3}, {5, 4}}) {
@@ -190,7 +194,8 @@ TEST(YUVHybridFrame, BothLayoutsAndRegionsAtOddOffsets) {
                     for (int j = 0; j < h; ++j)
                         for (int c = 0; c < 3; ++c)
                             ASSERT_EQ(out[c * m + i * h + j], all[c * n + (x + i) * sh + y + j])
-                                << "subtype " << subtype << " region " << x << "," << y << " " << w << "x" << h << " at " << i << "," << j << " band " << c;
+                                << "subtype " << subtype << " region " << x << "," << y << " " << w << "x" << h
+                                << " at " << i << "," << j << " band " << c;
             }
         }
         EXPECT_GE(compared, 8) << "subtype " << subtype;
@@ -204,9 +209,9 @@ TEST(YUVHybridFrame, KnownBytesAndOddSizesStayInside) {
     for (int i = 0; i < 24; ++i) raw[i] = static_cast<std::uint8_t>(i);
     frame->setBufferData(raw.data());
     const auto out = planesOf(*frame, 48);
-    EXPECT_EQ(out[2], 12);        // pixel (0, 2): Y at byte 12
-    EXPECT_EQ(out[16 + 2], 20);   // U at 20
-    EXPECT_EQ(out[32 + 2], 21);   // V at 21
+    EXPECT_EQ(out[2], 12);       // pixel (0, 2): Y at byte 12
+    EXPECT_EQ(out[16 + 2], 20);  // U at 20
+    EXPECT_EQ(out[32 + 2], 21);  // V at 21
 
     for (int subtype : {0, 1})
         for (auto [w, h] : {std::pair{3, 3}, {5, 1}, {1, 5}, {1, 1}}) {

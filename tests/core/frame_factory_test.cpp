@@ -39,9 +39,9 @@ TEST(FrameFactory, FamiliesByTheirFamilyByte) {
 }
 
 TEST(FrameFactory, Edges) {
-    for (std::uint32_t code : {0x1101000Au, 0x1101000Fu, 0x11010025u, 0x11010118u, 0x11010119u, 0x1101011Au,
-                               0x11010123u, 0x11010124u, 0x06030024u, 0x06040000u, 0x00000000u, 0x06000000u,
-                               0x08000000u, 0x06030100u})
+    for (std::uint32_t code :
+         {0x1101000Au, 0x1101000Fu, 0x11010025u, 0x11010118u, 0x11010119u, 0x1101011Au, 0x11010123u, 0x11010124u,
+          0x06030024u, 0x06040000u, 0x00000000u, 0x06000000u, 0x08000000u, 0x06030100u})
         EXPECT_EQ(make(code), nullptr) << std::hex << code;
     EXPECT_NE(dynamic_cast<MonochromeFrame15bitBETopDown*>(make(0x11010022).get()), nullptr);
     EXPECT_NE(dynamic_cast<MonochromeFrame15bitBEBottomUp*>(make(0x11010122).get()), nullptr);

@@ -19,7 +19,7 @@ TEST(LUMOFrame, BufferSizeWrapsAsASigned32BitProduct) {
         {0, 100, 2, 0},
         {65536, 32768, 1, 0xFFFFFFFF80000000ull},  // exactly 2^31
         {-1, 1, 1, 0xFFFFFFFFFFFFFFFFull},
-        {65536, 65536, 1, 0},                       // 2^32 wraps to 0
+        {65536, 65536, 1, 0},  // 2^32 wraps to 0
         {46341, 46341, 1, 0xFFFFFFFF80001219ull},
     };
     for (const auto& c : cases) EXPECT_EQ(TestFrame(c.w, c.h, c.bpp).getBufferSize(), c.size) << c.w << "x" << c.h;

@@ -107,9 +107,13 @@ struct Image {
 
 int channelOf(char letter) {
     switch (letter) {
-        case 'R': case 'Y': case 'M': return 0;
-        case 'G': case 'U': return 1;
-        case 'B': case 'V': return 2;
+        case 'R':
+        case 'Y':
+        case 'M': return 0;
+        case 'G':
+        case 'U': return 1;
+        case 'B':
+        case 'V': return 2;
         default: return -1;
     }
 }
@@ -153,7 +157,8 @@ std::vector<std::uint8_t> encode(const Standard& s, Image& img) {
             for (std::size_t i = 0; i < img.samples.size(); i += 2) {
                 const int low = s.bits - 8, mask = (1 << low) - 1;
                 const std::uint16_t a = img.samples[i], b = img.samples[i + 1];
-                out.insert(out.end(), {static_cast<std::uint8_t>(a >> low), static_cast<std::uint8_t>((a & mask) | (b & mask) << 4),
+                out.insert(out.end(), {static_cast<std::uint8_t>(a >> low),
+                                       static_cast<std::uint8_t>((a & mask) | (b & mask) << 4),
                                        static_cast<std::uint8_t>(b >> low)});
             }
             break;
@@ -162,7 +167,8 @@ std::vector<std::uint8_t> encode(const Standard& s, Image& img) {
             int count = 0;
             for (std::uint16_t v : img.samples) {
                 bitsHeld |= std::uint64_t{v} << count;
-                for (count += s.bits; count >= 8; count -= 8, bitsHeld >>= 8) out.push_back(static_cast<std::uint8_t>(bitsHeld));
+                for (count += s.bits; count >= 8; count -= 8, bitsHeld >>= 8)
+                    out.push_back(static_cast<std::uint8_t>(bitsHeld));
             }
             break;
         }
@@ -172,7 +178,8 @@ std::vector<std::uint8_t> encode(const Standard& s, Image& img) {
                 for (int x = 0; x < w; x += pixels) {
                     int nextY = x;
                     for (const char* c = s.order; *c; ++c)
-                        out.push_back(static_cast<std::uint8_t>(*c == 'Y' ? img.at(0, nextY++, y) : img.at(channelOf(*c), x, y)));
+                        out.push_back(
+                            static_cast<std::uint8_t>(*c == 'Y' ? img.at(0, nextY++, y) : img.at(channelOf(*c), x, y)));
                 }
             break;
         }

@@ -29,7 +29,8 @@ template <int N>
 void check(int vectorBits) {
     limitVectorWidth(vectorBits);
     std::mt19937 rng(N);
-    for (auto [rows, cols] : {std::pair<std::size_t, std::size_t>{1, 1}, {17, 33}, {16, 16}, {40, 7}, {3, 130}, {37, 140}, {64, 64}}) {
+    for (auto [rows, cols] :
+         {std::pair<std::size_t, std::size_t>{1, 1}, {17, 33}, {16, 16}, {40, 7}, {3, 130}, {37, 140}, {64, 64}}) {
         std::vector<std::uint8_t> src(rows * cols * N);
         for (auto& b : src) b = static_cast<std::uint8_t>(rng());
         for (bool flip : {false, true})
@@ -37,7 +38,8 @@ void check(int vectorBits) {
                 std::vector<std::uint8_t> out(src.size(), 0);
                 transposeSamples<N>(src.data(), cols * N, out.data(), rows, rows, cols, flip, op);
                 EXPECT_EQ(out, reference(src, N, rows, cols, flip, op))
-                    << N << " bytes " << rows << "x" << cols << (flip ? " flipped" : "") << " vectors up to " << vectorBits << " bits";
+                    << N << " bytes " << rows << "x" << cols << (flip ? " flipped" : "") << " vectors up to "
+                    << vectorBits << " bits";
             }
     }
     limitVectorWidth(512);

@@ -24,7 +24,8 @@ Outcome run(const std::string& arguments) {
     std::FILE* pipe = ::popen((std::string(ACQUIRE_PROGRAM) + " " + arguments + " 2>&1").c_str(), "r");
     if (pipe == nullptr) return result;
     std::array<char, 512> chunk;
-    for (std::size_t n; (n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0;) result.output.append(chunk.data(), n);
+    for (std::size_t n; (n = std::fread(chunk.data(), 1, chunk.size(), pipe)) > 0;)
+        result.output.append(chunk.data(), n);
     const int status = ::pclose(pipe);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
@@ -52,7 +53,8 @@ TEST(AcquireExample, WritesAPngOfTheFrameSizeAndSaysWhere) {
     for (const char* format : {"bayer12p-rggb", "bayer8-grbg", "bayer10p-lsb-bggr", "mono12p"}) {
         std::remove(out.c_str());
         // A later --output wins, and the program names the file it wrote.
-        const Outcome r = run(std::string("--output ignored.png --format ") + format + " --width 96 --height 64 --frames 5 --output " + out);
+        const Outcome r = run(std::string("--output ignored.png --format ") + format +
+                              " --width 96 --height 64 --frames 5 --output " + out);
         ASSERT_EQ(r.status, 0) << format << r.output;
         EXPECT_NE(r.output.find("picture: " + out + "\n"), std::string::npos) << r.output;
         unsigned width = 0, height = 0;
@@ -94,10 +96,12 @@ TEST(AcquireExample, BrokenArgumentsAreNamedBeforeAnythingIsAcquired) {
 // A limit below one frame drops every frame; the program says so and names a limit that holds,
 // and that limit does hold.
 TEST(AcquireExample, DroppedFramesAreReportedWithALimitThatHolds) {
-    const std::string common = "--format bayer12p-rggb --width 96 --height 64 --frames 8 --output " + scratch("dropped.png");
+    const std::string common =
+        "--format bayer12p-rggb --width 96 --height 64 --frames 8 --output " + scratch("dropped.png");
     const Outcome refused = run(common + " --memory-mb 0.005");
     EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.output.find("dropped 8 (buffers refused by the memory limit)"), std::string::npos) << refused.output;
+    EXPECT_NE(refused.output.find("dropped 8 (buffers refused by the memory limit)"), std::string::npos)
+        << refused.output;
     EXPECT_NE(refused.output.find("dropped 8 of 8 frames"), std::string::npos) << refused.output;
     const std::size_t advice = refused.output.find("would have held the stream: ");
     ASSERT_NE(advice, std::string::npos) << refused.output;
@@ -130,7 +134,8 @@ TEST(AcquireExample, PhotographsAreReadByContentAndCroppedWithTheirAspectKept) {
         const std::string out = scratch("stripes_out.png");
         const Outcome r = run("--format mono8 --width 32 --height 32 --frames 1 --input " + input + " --output " + out);
         ASSERT_EQ(r.status, 0) << r.output;
-        EXPECT_NE(r.output.find("40x20 scaled by 1.6 to 64x32 (aspect kept), cropped about its centre"), std::string::npos)
+        EXPECT_NE(r.output.find("40x20 scaled by 1.6 to 64x32 (aspect kept), cropped about its centre"),
+                  std::string::npos)
             << r.output;
         unsigned width = 0, height = 0;
         const std::vector<std::uint8_t> gray = readGray(out, width, height);

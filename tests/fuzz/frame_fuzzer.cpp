@@ -13,8 +13,8 @@
 #include "lumoframekit/lumoframekit.h"
 
 using namespace lumoframekit;
-using lumofuzz::Input;
 using lumofuzz::frameCode;
+using lumofuzz::Input;
 
 namespace {
 
@@ -49,7 +49,8 @@ void exercise(Input& in) {
     MemoryLimiter limiter(0, std::uint64_t{in.byte()} * 64);
     std::unique_ptr<IFrame> frame(frameFactory(static_cast<frametypes::FRAMETYPE>(code), width, height));
     if (!frame) return;
-    const std::size_t pixels = static_cast<std::size_t>(width > 0 ? width : 0) * static_cast<std::size_t>(height > 0 ? height : 0);
+    const std::size_t pixels =
+        static_cast<std::size_t>(width > 0 ? width : 0) * static_cast<std::size_t>(height > 0 ? height : 0);
     for (int step = 0; step < 24 && !in.empty(); ++step) {
         switch (in.byte() % 10) {
             case 0: frame->setMemoryLimiter(in.byte() % 2 ? &limiter : nullptr); break;
@@ -63,7 +64,8 @@ void exercise(Input& in) {
             case 2: {
                 const std::uint32_t srcWidth = in.byte() % 64, srcHeight = in.byte() % 64;
                 const std::uint32_t x = in.offset(), y = in.offset();
-                const std::size_t bytes = bufferBytesOf(code, static_cast<std::int32_t>(srcWidth), static_cast<std::int32_t>(srcHeight));
+                const std::size_t bytes =
+                    bufferBytesOf(code, static_cast<std::int32_t>(srcWidth), static_cast<std::int32_t>(srcHeight));
                 auto src = std::make_unique<std::uint8_t[]>(bytes);  // exactly the source's bytes
                 for (std::size_t i = 0; i < bytes; ++i) src[i] = static_cast<std::uint8_t>(i * 31 + in.byte());
                 frame->copyRegionToBuffer(bytes ? src.get() : nullptr, srcWidth, srcHeight, x, y);
@@ -100,11 +102,13 @@ void exercise(Input& in) {
                 const std::int32_t type = static_cast<std::int8_t>(in.byte()) % 10;
                 const std::uint32_t space = in.byte() % 16;
                 const std::uint32_t alignment = in.byte() % 6;
-                frame->getDataInColorSpace(&result, &dims, space, in.byte() % 3 ? &type : nullptr, alignment, &allocator);
+                frame->getDataInColorSpace(&result, &dims, space, in.byte() % 3 ? &type : nullptr, alignment,
+                                           &allocator);
                 if (result != nullptr) {
                     // Every byte of the array the host receives is read.
                     std::uint64_t sum = 0;
-                    for (std::uint64_t i = 0; i < allocator.sizes.back(); ++i) sum += static_cast<std::uint8_t*>(result)[i];
+                    for (std::uint64_t i = 0; i < allocator.sizes.back(); ++i)
+                        sum += static_cast<std::uint8_t*>(result)[i];
                     volatile std::uint64_t sink = sum;
                     (void)sink;
                     allocator.release(result);
@@ -126,7 +130,9 @@ void exercise(Input& in) {
                     case 4: frame->addDoubleArrayMetaData(name, values, in.byte() % 4); break;
                     case 5: frame->addBooleanArrayMetaData(name, flags, in.byte() % 3); break;
                     case 6: frame->addDouble2DArrayMetaData(name, rows, in.byte() % 3, in.byte() % 4); break;
-                    default: frame->addDouble3DArrayMetaData(name, planes, in.byte() % 3, in.byte() % 3, in.byte() % 4); break;
+                    default:
+                        frame->addDouble3DArrayMetaData(name, planes, in.byte() % 3, in.byte() % 3, in.byte() % 4);
+                        break;
                 }
                 std::vector<const char*> names(frame->getMetaDataCount());
                 frame->getMetaDataNames(names.data());

@@ -40,8 +40,8 @@ private:
 
 // A code of a known family with a low byte near its range, or now and then any code at all.
 inline std::uint32_t frameCode(Input& in) {
-    static const std::uint32_t families[] = {0x11010000, 0x11010100, 0x06030000, 0x01000000, 0x01000100,
-                                             0x05000000, 0x05000100, 0x02000000, 0x03000000, 0x04000000, 0x07000000};
+    static const std::uint32_t families[] = {0x11010000, 0x11010100, 0x06030000, 0x01000000, 0x01000100, 0x05000000,
+                                             0x05000100, 0x02000000, 0x03000000, 0x04000000, 0x07000000};
     const std::uint8_t pick = in.byte();
     if (pick >= 0xF0) return in.word();
     return families[pick % std::size(families)] | in.byte() % 0x26;

@@ -18,8 +18,8 @@
 #include "test_support.h"
 
 using namespace lumoframekit;
-using lumofuzz::Input;
 using lumofuzz::frameCode;
+using lumofuzz::Input;
 using lumotest::ExactAllocator;
 
 namespace {
@@ -29,7 +29,8 @@ constexpr std::uint64_t kMaxBytes = 4u << 20;
 // What getData may write for the frame as it reports itself, or 0 when that is too large to hand.
 std::size_t dataBytes(const IFrame& frame) {
     const FrameDims d = *frame.getDimensions();
-    const std::uint64_t bytes = std::uint64_t{d.width} * d.height * d.bands * lumotest::elementBytes(frame.getDataType());
+    const std::uint64_t bytes =
+        std::uint64_t{d.width} * d.height * d.bands * lumotest::elementBytes(frame.getDataType());
     return d.width > 4096 || d.height > 4096 || bytes > kMaxBytes ? 0 : static_cast<std::size_t>(bytes);
 }
 

@@ -36,8 +36,10 @@ bool fill(IFrame& frame, std::mt19937& rng) {
 // A frame holding a buffer is charged at least the size it reports (the buffer holds that much),
 // one without a buffer nothing.
 void expectCharged(const MemoryLimiter& limiter, const IFrame& frame) {
-    if (frame.isBufferAllocated()) EXPECT_GE(limiter.getMemoryUsed(), frame.getBufferSize());
-    else EXPECT_EQ(limiter.getMemoryUsed(), 0u);
+    if (frame.isBufferAllocated())
+        EXPECT_GE(limiter.getMemoryUsed(), frame.getBufferSize());
+    else
+        EXPECT_EQ(limiter.getMemoryUsed(), 0u);
 }
 
 }  // namespace

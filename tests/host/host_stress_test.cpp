@@ -161,7 +161,9 @@ TEST(HostStress, PoolHandsFramesFromACameraToConverters) {
                     continue;
                 }
                 auto* shot = dynamic_cast<IntegerMetaDataItem*>(frame->getMetaData("shot"));
-                if (shot == nullptr || deliver(*frame, COLORSPACE_RGB) != expected[static_cast<std::size_t>(shot->value)]) ++wrong;
+                if (shot == nullptr ||
+                    deliver(*frame, COLORSPACE_RGB) != expected[static_cast<std::size_t>(shot->value)])
+                    ++wrong;
                 ++converted;
                 frame->decRefCount();
             }

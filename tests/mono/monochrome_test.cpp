@@ -128,7 +128,6 @@ std::vector<std::uint8_t> randomImage(const Case& c, int width, int height, std:
     return raw;
 }
 
-
 }  // namespace
 
 TEST(MonochromeFactory, AcceptsExactlyTheListedCodes) {
@@ -146,7 +145,8 @@ TEST(MonochromeFactory, AcceptsExactlyTheListedCodes) {
         EXPECT_FALSE(frame->isBufferAllocated());
         EXPECT_EQ(frame->getDimensions()->bands, 1u);
     }
-    for (std::uint32_t code : {0x11000000u, 0x11020000u, 0x12010000u, 0x10010000u}) EXPECT_EQ(make(code, 4, 2), nullptr);
+    for (std::uint32_t code : {0x11000000u, 0x11020000u, 0x12010000u, 0x10010000u})
+        EXPECT_EQ(make(code, 4, 2), nullptr);
 }
 
 TEST(MonochromeFactory, EachCodeBuildsItsOwnDistinctClass) {
@@ -262,7 +262,7 @@ TEST(MonochromeFrames, DisplayOddities) {
     tenBit->getData(dest);
     EXPECT_EQ(host, 0xFC01);
     dynamic_cast<MonochromeFrame*>(tenBit.get())->getDisplayRow(shown, 0);
-    EXPECT_EQ(shown[0], 0x00);  // 0xFC01 >> 2 = 0x3F00, low byte 0
+    EXPECT_EQ(shown[0], 0x00);                                              // 0xFC01 >> 2 = 0x3F00, low byte 0
     dynamic_cast<MonochromeFrame*>(tenBit.get())->getDisplayRow(shown, 5);  // no such row: nothing
 }
 

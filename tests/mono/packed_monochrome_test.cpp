@@ -14,7 +14,6 @@ using lumotest::make;
 
 namespace {
 
-
 std::vector<std::uint16_t> unpacked(IFrame& frame) {
     const FrameDims* dims = frame.getDimensions();
     std::vector<std::uint16_t> out(static_cast<std::size_t>(dims->width) * dims->height, 0xBEEF);
@@ -39,13 +38,16 @@ std::vector<std::uint8_t> pack(std::uint32_t code, const std::vector<std::uint16
                     b[0] = p[0] >> 2, b[2] = p[1] >> 2, b[1] = static_cast<std::uint8_t>((p[0] & 3) | (p[1] & 3) << 4);
                     break;
                 case 0x11010019:
-                    b[0] = p[0] >> 4, b[2] = p[1] >> 4, b[1] = static_cast<std::uint8_t>((p[0] & 15) | (p[1] & 15) << 4);
+                    b[0] = p[0] >> 4, b[2] = p[1] >> 4,
+                    b[1] = static_cast<std::uint8_t>((p[0] & 15) | (p[1] & 15) << 4);
                     break;
                 case 0x11010024:
-                    b[0] = p[0] & 0xFF, b[2] = p[1] >> 4, b[1] = static_cast<std::uint8_t>((p[0] >> 8) | (p[1] & 15) << 4);
+                    b[0] = p[0] & 0xFF, b[2] = p[1] >> 4,
+                    b[1] = static_cast<std::uint8_t>((p[0] >> 8) | (p[1] & 15) << 4);
                     break;
                 default: {
-                    std::uint64_t bits = p[0] | std::uint64_t{p[1]} << 10 | std::uint64_t{p[2]} << 20 | std::uint64_t{p[3]} << 30;
+                    std::uint64_t bits =
+                        p[0] | std::uint64_t{p[1]} << 10 | std::uint64_t{p[2]} << 20 | std::uint64_t{p[3]} << 30;
                     for (int i = 0; i < 5; ++i) b[i] = static_cast<std::uint8_t>(bits >> (8 * i));
                 }
             }
@@ -75,7 +77,8 @@ TEST(PackedMonochrome, WholeImagesRoundTripForEveryPacking) {
     std::mt19937 rng(11);
     for (std::uint32_t code : {0x11010018u, 0x11010019u, 0x11010023u, 0x11010024u}) {
         const std::uint16_t mask = (code == 0x11010019u || code == 0x11010024u) ? 0xFFF : 0x3FF;
-        for (auto [w, h] : {std::pair{4, 3}, {8, 5}, {2, 1}, {6, 2}, {5, 3}, {7, 2}, {1, 1}, {1920, 4}, {16, 9}, {40, 17}}) {
+        for (auto [w, h] :
+             {std::pair{4, 3}, {8, 5}, {2, 1}, {6, 2}, {5, 3}, {7, 2}, {1, 1}, {1920, 4}, {16, 9}, {40, 17}}) {
             std::vector<std::uint16_t> pixels(static_cast<std::size_t>(w) * h);
             for (auto& p : pixels) p = static_cast<std::uint16_t>(rng() & mask);
             const auto packed = pack(code, pixels, w, h);
@@ -99,7 +102,8 @@ namespace {
 
 // The unpacking as defined: pixel c of a row at byte c * bytes / pixels (rounded down for 4-in-5,
 // up for 2-in-3), decoded from that byte and its neighbour, rows rowBytes apart.
-std::uint16_t definedPixel(std::uint32_t code, const std::vector<std::uint8_t>& buf, std::size_t rowStart, std::size_t c) {
+std::uint16_t definedPixel(std::uint32_t code, const std::vector<std::uint8_t>& buf, std::size_t rowStart,
+                           std::size_t c) {
     if (code == 0x11010023) {
         const std::uint8_t* b = &buf[rowStart + c * 5 / 4];
         const int shift = 2 * static_cast<int>(c % 4);
@@ -160,8 +164,11 @@ TEST(PackedMonochrome, InconsistentGeometriesStayInsideTheirBuffers) {
     // Geometries where the unpacking's row length disagrees with the copied rows: the values are
     // of no use but every read stays in the buffer and unwritten bytes read as zero.
     std::vector<std::uint8_t> src(64, 0xFF);
-    for (auto [code, w, h, x] : {std::tuple{0x11010023u, 6, 3, 0u}, {0x11010023u, 7, 2, 0u}, {0x11010019u, 4, 1, 1u},
-                                 {0x11010018u, 2, 1, 3u}, {0x11010024u, 4, 3, 1u}}) {
+    for (auto [code, w, h, x] : {std::tuple{0x11010023u, 6, 3, 0u},
+                                 {0x11010023u, 7, 2, 0u},
+                                 {0x11010019u, 4, 1, 1u},
+                                 {0x11010018u, 2, 1, 3u},
+                                 {0x11010024u, 4, 3, 1u}}) {
         FramePtr frame = make(code, w, h);
         frame->copyRegionToBuffer(src.data(), 8, 4, x, 0);
         const auto out = unpacked(*frame);
@@ -184,8 +191,11 @@ TEST(PackedMonochrome, InconsistentGeometriesStayInsideTheirBuffers) {
 TEST(PackedMonochrome, WholeFramesOfPartialGroupsCopyEveryRow) {
     // Odd widths (2-in-3) and widths not a multiple of 4 (4-in-5): the last row of a whole-frame
     // copy reaches past the source's packed bytes, read as zeros; ASan sees every read.
-    for (auto [code, w, h] : {std::tuple{0x11010019u, 3, 2}, {0x11010018u, 5, 3}, {0x11010023u, 6, 2},
-                              {0x11010023u, 7, 3}, {0x11010024u, 1, 4}}) {
+    for (auto [code, w, h] : {std::tuple{0x11010019u, 3, 2},
+                              {0x11010018u, 5, 3},
+                              {0x11010023u, 6, 2},
+                              {0x11010023u, 7, 3},
+                              {0x11010024u, 1, 4}}) {
         FramePtr frame = make(code, w, h);
         const bool fourInFive = code == 0x11010023u;
         const std::size_t rowBytes = static_cast<std::size_t>(w) * (fourInFive ? 5 : 3) / (fourInFive ? 4 : 2);

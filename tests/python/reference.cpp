@@ -33,12 +33,13 @@ int main(int argc, char** argv) {
     HostAllocator allocator;
     void* result = nullptr;
     FrameDims dims{};
-    frame->getDataInColorSpace(&result, &dims, static_cast<std::uint32_t>(std::atoi(argv[6])), type >= 0 ? &type : nullptr,
-                               static_cast<std::uint32_t>(std::atoi(argv[8])), &allocator);
+    frame->getDataInColorSpace(&result, &dims, static_cast<std::uint32_t>(std::atoi(argv[6])),
+                               type >= 0 ? &type : nullptr, static_cast<std::uint32_t>(std::atoi(argv[8])), &allocator);
     if (result == nullptr) return 4;
     static const int sizes[8] = {1, 1, 2, 2, 4, 4, 4, 8};
     const int element = sizes[(type >= 0 ? type : frame->getDataType()) & 7];
-    out.write(static_cast<const char*>(result), static_cast<std::streamsize>(std::size_t{dims.width} * dims.height * dims.bands * element));
+    out.write(static_cast<const char*>(result),
+              static_cast<std::streamsize>(std::size_t{dims.width} * dims.height * dims.bands * element));
     allocator.release(result);
     return 0;
 }

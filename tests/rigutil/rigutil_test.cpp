@@ -203,7 +203,8 @@ private:
 
 class StopFromInside : public IEvent {
 public:
-    StopFromInside(EventThread& thread, std::promise<bool>& result) : IEvent(nullptr), thread_(thread), result_(result) {}
+    StopFromInside(EventThread& thread, std::promise<bool>& result)
+        : IEvent(nullptr), thread_(thread), result_(result) {}
     bool execute() override {
         result_.set_value(thread_.stop());
         return true;

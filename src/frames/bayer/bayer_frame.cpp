@@ -108,12 +108,13 @@ void BayerFrame::getData(void** dest) {
     void* scratchList[] = {scratch.get(), nullptr};
     inner->getData(scratchList);
     if (bytesPerSample == 1)
-        BayerUtil::demosaic8(scratch.get(), static_cast<std::uint8_t*>(planes[0]), static_cast<std::uint8_t*>(planes[1]),
-                             static_cast<std::uint8_t*>(planes[2]), pixels, size, alignment, bits);
+        BayerUtil::demosaic8(scratch.get(), static_cast<std::uint8_t*>(planes[0]),
+                             static_cast<std::uint8_t*>(planes[1]), static_cast<std::uint8_t*>(planes[2]), pixels, size,
+                             alignment, bits);
     else
-        BayerUtil::demosaic16(reinterpret_cast<const std::uint16_t*>(scratch.get()), static_cast<std::uint16_t*>(planes[0]),
-                              static_cast<std::uint16_t*>(planes[1]), static_cast<std::uint16_t*>(planes[2]), pixels,
-                              size, alignment, bits);
+        BayerUtil::demosaic16(reinterpret_cast<const std::uint16_t*>(scratch.get()),
+                              static_cast<std::uint16_t*>(planes[0]), static_cast<std::uint16_t*>(planes[1]),
+                              static_cast<std::uint16_t*>(planes[2]), pixels, size, alignment, bits);
 }
 
 void BayerFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint32_t requested,

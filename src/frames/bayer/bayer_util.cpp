@@ -94,7 +94,9 @@ void deinterleave(const T* in, T* even, T* odd, std::uint64_t pairs) {
             // Signed packing of values biased by 0x8000 keeps all 16 bits.
             const __m128i bias = _mm_set1_epi16(static_cast<short>(0x8000));
             const __m128i ab = _mm_xor_si128(a, bias), bb = _mm_xor_si128(b, bias);
-            e = _mm_xor_si128(_mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(ab, 16), 16), _mm_srai_epi32(_mm_slli_epi32(bb, 16), 16)), bias);
+            e = _mm_xor_si128(
+                _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(ab, 16), 16), _mm_srai_epi32(_mm_slli_epi32(bb, 16), 16)),
+                bias);
             o = _mm_xor_si128(_mm_packs_epi32(_mm_srai_epi32(ab, 16), _mm_srai_epi32(bb, 16)), bias);
         }
         _mm_storeu_si128(reinterpret_cast<__m128i*>(even + i), e);
@@ -203,7 +205,8 @@ __attribute__((target("avx512f,avx512bw"))) std::uint64_t transposeIntoLinesWide
             for (std::uint64_t g = 0; g < G; ++g) {
                 for (std::uint64_t i = 0; i < V; ++i) {
                     const std::uint64_t r = r0 + g * V + i;
-                    groups[g][i] = r < rows ? _mm512_loadu_si512(src + r * srcRowBytes + c0 * sizeof(T)) : _mm512_setzero_si512();
+                    groups[g][i] =
+                        r < rows ? _mm512_loadu_si512(src + r * srcRowBytes + c0 * sizeof(T)) : _mm512_setzero_si512();
                 }
                 transposeVectors512<sizeof(T)>(groups[g]);
             }
@@ -215,7 +218,8 @@ __attribute__((target("avx512f,avx512bw"))) std::uint64_t transposeIntoLinesWide
                 const __m512i t3 = _mm512_shuffle_i64x2(groups[2][k], groups[3][k], 0xEE);
                 const __m512i lines[4] = {_mm512_shuffle_i64x2(t0, t2, 0x88), _mm512_shuffle_i64x2(t0, t2, 0xDD),
                                           _mm512_shuffle_i64x2(t1, t3, 0x88), _mm512_shuffle_i64x2(t1, t3, 0xDD)};
-                for (std::uint64_t q = 0; q < 4; ++q) _mm512_stream_si512(reinterpret_cast<__m512i*>(dst + (c0 + q * V + k) * stride + r0), lines[q]);
+                for (std::uint64_t q = 0; q < 4; ++q)
+                    _mm512_stream_si512(reinterpret_cast<__m512i*>(dst + (c0 + q * V + k) * stride + r0), lines[q]);
             }
         }
     _mm_sfence();
@@ -246,7 +250,8 @@ void transposeIntoLines(const std::uint8_t* src, std::size_t srcRowBytes, T* dst
                 for (std::uint64_t part = 0; part < L / V; ++part) {
                     for (std::uint64_t i = 0; i < V; ++i) {
                         const std::uint64_t r = r0 + part * V + i;
-                        lines[part][i] = r < rows ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + r * srcRowBytes + c0 * sizeof(T)))
+                        lines[part][i] = r < rows ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(
+                                                        src + r * srcRowBytes + c0 * sizeof(T)))
                                                   : _mm_setzero_si128();
                     }
                     transposeVectors<sizeof(T)>(lines[part]);
@@ -278,8 +283,8 @@ void padColumnEnds(T* even, T* odd, std::uint64_t height) {
     T* const halves[2] = {even, odd};
     T values[4];
     for (int which = 0; which < 4; ++which) {
-        const std::uint64_t inside = reflected(static_cast<std::int64_t>(borderRows(height, which)),
-                                               static_cast<std::int64_t>(height)) + 2;
+        const std::uint64_t inside =
+            reflected(static_cast<std::int64_t>(borderRows(height, which)), static_cast<std::int64_t>(height)) + 2;
         values[which] = halves[inside % 2][inside / 2];
     }
     for (int which = 0; which < 4; ++which) {
@@ -347,7 +352,8 @@ auto fromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std
         T* const halves[2] = {even, odd};
         for (int which = 0; which < 4; ++which) {
             const std::uint64_t q = borderRows(height, which);
-            const T* source = rows + reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height)) * rowSamples;
+            const T* source =
+                rows + reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height)) * rowSamples;
             T* at = halves[q % 2] + 2 * stride + q / 2;
             for (std::uint64_t x = 0; x < width; ++x) at[x * stride] = source[x];
         }
@@ -403,7 +409,8 @@ inline void siteColumn(const BayerTBBTask<T>& task, const T* same, const T* othe
         const V n1 = L::load(o), s1 = L::load(o + 1);
         const V w1 = L::load(s - stride), e1 = L::load(s + stride);
         const V w2 = L::load(s - 2 * stride), e2 = L::load(s + 2 * stride);
-        const V diagonals = L::load(o - stride) + L::load(o - stride + 1) + L::load(o + stride) + L::load(o + stride + 1);
+        const V diagonals =
+            L::load(o - stride) + L::load(o - stride + 1) + L::load(o + stride) + L::load(o + stride + 1);
         V first, second;
         if constexpr (Kind == GreenOnRedRow || Kind == GreenOnBlueRow) {
             first = L::clamp(10 * c - 2 * diagonals - 2 * (w2 + e2) + (n2 + s2) + 8 * (w1 + e1), 4, wide);
@@ -448,9 +455,13 @@ struct Wide<std::uint8_t> {
     }
     LUMO_AVX2 static __m256i add(__m256i a, __m256i b) { return _mm256_add_epi16(a, b); }
     LUMO_AVX2 static __m256i sub(__m256i a, __m256i b) { return _mm256_sub_epi16(a, b); }
-    LUMO_AVX2 static __m256i times(__m256i a, int k) { return _mm256_mullo_epi16(a, _mm256_set1_epi16(static_cast<short>(k))); }
+    LUMO_AVX2 static __m256i times(__m256i a, int k) {
+        return _mm256_mullo_epi16(a, _mm256_set1_epi16(static_cast<short>(k)));
+    }
     template <int Bits>
-    LUMO_AVX2 static __m256i shr(__m256i a) { return _mm256_srai_epi16(a, Bits); }
+    LUMO_AVX2 static __m256i shr(__m256i a) {
+        return _mm256_srai_epi16(a, Bits);
+    }
     LUMO_AVX2 static __m256i bound(std::int32_t upper) { return _mm256_set1_epi8(static_cast<char>(upper)); }
     // Saturating to [0, 255] and then capping at the bound is the clamp.
     LUMO_AVX2 static __m256i narrow(__m256i a, __m256i b, __m256i upper) {
@@ -468,7 +479,9 @@ struct Wide<std::uint16_t> {
     LUMO_AVX2 static __m256i sub(__m256i a, __m256i b) { return _mm256_sub_epi32(a, b); }
     LUMO_AVX2 static __m256i times(__m256i a, int k) { return _mm256_mullo_epi32(a, _mm256_set1_epi32(k)); }
     template <int Bits>
-    LUMO_AVX2 static __m256i shr(__m256i a) { return _mm256_srai_epi32(a, Bits); }
+    LUMO_AVX2 static __m256i shr(__m256i a) {
+        return _mm256_srai_epi32(a, Bits);
+    }
     LUMO_AVX2 static __m256i bound(std::int32_t upper) { return _mm256_set1_epi16(static_cast<short>(upper)); }
     LUMO_AVX2 static __m256i narrow(__m256i a, __m256i b, __m256i upper) {
         return _mm256_min_epu16(_mm256_permute4x64_epi64(_mm256_packus_epi32(a, b), 0xD8), upper);
@@ -482,16 +495,18 @@ template <typename T, bool GreenSite>
 LUMO_AVX2 void wideSites(const T* s, const T* o, std::uint64_t stride, __m256i& first, __m256i& second) {
     using W = Wide<T>;
     const __m256i c = W::load(s);
-    const __m256i vertical2 = W::add(W::load(s - 1), W::load(s + 1));                  // n2 + s2
+    const __m256i vertical2 = W::add(W::load(s - 1), W::load(s + 1));                      // n2 + s2
     const __m256i horizontal2 = W::add(W::load(s - 2 * stride), W::load(s + 2 * stride));  // w2 + e2
-    const __m256i vertical1 = W::add(W::load(o), W::load(o + 1));                      // n1 + s1
-    const __m256i horizontal1 = W::add(W::load(s - stride), W::load(s + stride));      // w1 + e1
+    const __m256i vertical1 = W::add(W::load(o), W::load(o + 1));                          // n1 + s1
+    const __m256i horizontal1 = W::add(W::load(s - stride), W::load(s + stride));          // w1 + e1
     const __m256i diagonals = W::add(W::add(W::load(o - stride), W::load(o - stride + 1)),
                                      W::add(W::load(o + stride), W::load(o + stride + 1)));
     if constexpr (GreenSite) {
         const __m256i common = W::sub(W::times(c, 10), W::add(diagonals, diagonals));
-        const __m256i v = W::add(W::sub(common, W::add(vertical2, vertical2)), W::add(horizontal2, W::times(vertical1, 8)));
-        const __m256i h = W::add(W::sub(common, W::add(horizontal2, horizontal2)), W::add(vertical2, W::times(horizontal1, 8)));
+        const __m256i v =
+            W::add(W::sub(common, W::add(vertical2, vertical2)), W::add(horizontal2, W::times(vertical1, 8)));
+        const __m256i h =
+            W::add(W::sub(common, W::add(horizontal2, horizontal2)), W::add(vertical2, W::times(horizontal1, 8)));
         first = W::template shr<4>(h);
         second = W::template shr<4>(v);
     } else {
@@ -509,8 +524,10 @@ LUMO_AVX2 void wideSites(const T* s, const T* o, std::uint64_t stride, __m256i& 
 // tasks on the calling thread leave them cached for it.
 template <typename T>
 LUMO_AVX2 void storeVector(T* at, __m256i v, bool stream) {
-    if (stream) _mm256_stream_si256(reinterpret_cast<__m256i*>(at), v);
-    else _mm256_store_si256(reinterpret_cast<__m256i*>(at), v);
+    if (stream)
+        _mm256_stream_si256(reinterpret_cast<__m256i*>(at), v);
+    else
+        _mm256_store_si256(reinterpret_cast<__m256i*>(at), v);
 }
 
 template <typename T, BayerSiteKind Kind>
@@ -552,13 +569,17 @@ template <>
 struct Widest<std::uint8_t> {
     static constexpr std::uint64_t lanes = 32;
     LUMO_AVX512 static __m512i load(const std::uint8_t* at) {
-return _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(at)));
+        return _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(at)));
     }
     LUMO_AVX512 static __m512i add(__m512i a, __m512i b) { return _mm512_add_epi16(a, b); }
     LUMO_AVX512 static __m512i sub(__m512i a, __m512i b) { return _mm512_sub_epi16(a, b); }
-    LUMO_AVX512 static __m512i times(__m512i a, int k) { return _mm512_mullo_epi16(a, _mm512_set1_epi16(static_cast<short>(k))); }
+    LUMO_AVX512 static __m512i times(__m512i a, int k) {
+        return _mm512_mullo_epi16(a, _mm512_set1_epi16(static_cast<short>(k)));
+    }
     template <int Bits>
-    LUMO_AVX512 static __m512i shr(__m512i a) { return _mm512_srai_epi16(a, Bits); }
+    LUMO_AVX512 static __m512i shr(__m512i a) {
+        return _mm512_srai_epi16(a, Bits);
+    }
     LUMO_AVX512 static __m512i bound(std::int32_t upper) { return _mm512_set1_epi16(static_cast<short>(upper)); }
     LUMO_AVX512 static __m512i clamp(__m512i a, __m512i upper) {
         return _mm512_min_epi16(_mm512_max_epi16(a, _mm512_setzero_si512()), upper);
@@ -581,7 +602,9 @@ struct Widest<std::uint16_t> {
     LUMO_AVX512 static __m512i sub(__m512i a, __m512i b) { return _mm512_sub_epi32(a, b); }
     LUMO_AVX512 static __m512i times(__m512i a, int k) { return _mm512_mullo_epi32(a, _mm512_set1_epi32(k)); }
     template <int Bits>
-    LUMO_AVX512 static __m512i shr(__m512i a) { return _mm512_srai_epi32(a, Bits); }
+    LUMO_AVX512 static __m512i shr(__m512i a) {
+        return _mm512_srai_epi32(a, Bits);
+    }
     LUMO_AVX512 static __m512i bound(std::int32_t upper) { return _mm512_set1_epi32(upper); }
     LUMO_AVX512 static __m512i clamp(__m512i a, __m512i upper) {
         return _mm512_min_epi32(_mm512_max_epi32(a, _mm512_setzero_si512()), upper);
@@ -589,7 +612,9 @@ struct Widest<std::uint16_t> {
     LUMO_AVX512 static __m256i narrow(__m512i a, __m512i upper) { return _mm512_cvtepi32_epi16(clamp(a, upper)); }
     using Mask = __mmask32;
     LUMO_AVX512 static __m512i place(__m512i a, bool oddRows) { return oddRows ? _mm512_slli_epi32(a, 16) : a; }
-    LUMO_AVX512 static void storeRows(std::uint16_t* at, Mask mask, __m512i a) { _mm512_mask_storeu_epi16(at, mask, a); }
+    LUMO_AVX512 static void storeRows(std::uint16_t* at, Mask mask, __m512i a) {
+        _mm512_mask_storeu_epi16(at, mask, a);
+    }
 };
 
 template <typename T, bool GreenSite>
@@ -604,8 +629,10 @@ LUMO_AVX512 void widestSites(const T* s, const T* o, std::uint64_t stride, __m51
                                      W::add(W::load(o + stride), W::load(o + stride + 1)));
     if constexpr (GreenSite) {
         const __m512i common = W::sub(W::times(c, 10), W::add(diagonals, diagonals));
-        const __m512i v = W::add(W::sub(common, W::add(vertical2, vertical2)), W::add(horizontal2, W::times(vertical1, 8)));
-        const __m512i h = W::add(W::sub(common, W::add(horizontal2, horizontal2)), W::add(vertical2, W::times(horizontal1, 8)));
+        const __m512i v =
+            W::add(W::sub(common, W::add(vertical2, vertical2)), W::add(horizontal2, W::times(vertical1, 8)));
+        const __m512i h =
+            W::add(W::sub(common, W::add(horizontal2, horizontal2)), W::add(vertical2, W::times(horizontal1, 8)));
         first = W::template shr<4>(h);
         second = W::template shr<4>(v);
     } else {
@@ -628,7 +655,8 @@ LUMO_AVX512 Mask rowMask(bool oddRows, std::uint64_t count, std::uint64_t lanes)
 // Writes `count` samples into every other element of a host column, from its first (even rows)
 // or second (odd rows) element on.
 template <typename T>
-__attribute__((target("avx512f,avx512bw"))) void mergeRows(const T* sites, T* column, std::uint64_t count, bool oddRows) {
+__attribute__((target("avx512f,avx512bw"))) void mergeRows(const T* sites, T* column, std::uint64_t count,
+                                                           bool oddRows) {
     using W = Widest<T>;
     for (std::uint64_t i = 0; i < count; i += W::lanes) {
         const std::uint64_t n = std::min<std::uint64_t>(W::lanes, count - i);
@@ -670,7 +698,8 @@ __attribute__((target("avx512f,avx512bw"))) void widestColumns(const BayerTBBTas
                 planes[3 - planeOfFirst(Kind) - planeOfSecond(Kind)] = W::load(column + i);  // the site's own
                 const auto mask = rowMask<typename W::Mask>(!evenSites, sites - i, W::lanes);
                 for (int plane = 0; plane < 3; ++plane)
-                    W::storeRows(task.hostPlanes[plane] + hostColumn + 2 * i, mask, W::place(planes[plane], !evenSites));
+                    W::storeRows(task.hostPlanes[plane] + hostColumn + 2 * i, mask,
+                                 W::place(planes[plane], !evenSites));
             }
             continue;
         }
@@ -743,8 +772,10 @@ void BayerTBBTask<T>::run() const {
     int spins = 0;
     int state;
     while ((state = gate->state.load(std::memory_order_acquire)) == PaddedGate::writing) {
-        if (++spins < 256) pause();
-        else std::this_thread::yield();
+        if (++spins < 256)
+            pause();
+        else
+            std::this_thread::yield();
     }
     if (state == PaddedGate::written) runAnyTask(*this);
     handOver(padded.even);
@@ -771,10 +802,8 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
               std::uint32_t alignment, std::uint32_t bits, int sampleBits) {
     // The four site kinds at padded (2,2), (2,3), (3,2), (3,3) for each pattern.
     static constexpr BayerSiteKind layouts[5][4] = {
-        {GreenOnRedRow, Red, Blue, GreenOnBlueRow},
-        {GreenOnBlueRow, Blue, Red, GreenOnRedRow},
-        {Blue, GreenOnBlueRow, GreenOnRedRow, Red},
-        {},
+        {GreenOnRedRow, Red, Blue, GreenOnBlueRow}, {GreenOnBlueRow, Blue, Red, GreenOnRedRow},
+        {Blue, GreenOnBlueRow, GreenOnRedRow, Red}, {},
         {Red, GreenOnRedRow, GreenOnBlueRow, Blue},
     };
     if (alignment > 4 || alignment == 3) return;
@@ -800,7 +829,8 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
                                        (oddSites + perLine - 1) / perLine * perLine};
     const std::uint64_t columns[2] = {(width + 1) / 2, width / 2};
     T* regions[4][3] = {};
-    T* next = workspace.get<T>(2 * columnOf[0] * (columns[0] + columns[1]) + 2 * columnOf[1] * (columns[0] + columns[1]), 1);
+    T* next =
+        workspace.get<T>(2 * columnOf[0] * (columns[0] + columns[1]) + 2 * columnOf[1] * (columns[0] + columns[1]), 1);
     const Site sites[4] = {{layouts[alignment][0], 2, 2},
                            {layouts[alignment][1], 2, 3},
                            {layouts[alignment][2], 3, 2},
@@ -834,9 +864,18 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
         } abandon{gate};
         for (int t = 0; t < 4; ++t) {
             const Site& site = sites[t];
-            const BayerTBBTask<T> task{height, width, site.column, site.row, 0, upper,
-                                       {regions[t][0], regions[t][1], regions[t][2]}, columnOf[t / 2], padded, site.kind,
-                                       &gate, {inPlace ? red : nullptr, inPlace ? green : nullptr, inPlace ? blue : nullptr},
+            const BayerTBBTask<T> task{height,
+                                       width,
+                                       site.column,
+                                       site.row,
+                                       0,
+                                       upper,
+                                       {regions[t][0], regions[t][1], regions[t][2]},
+                                       columnOf[t / 2],
+                                       padded,
+                                       site.kind,
+                                       &gate,
+                                       {inPlace ? red : nullptr, inPlace ? green : nullptr, inPlace ? blue : nullptr},
                                        &wroteInPlace[t]};
             handOver(padded.even);
             group.run(task);
@@ -865,16 +904,16 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
 #if defined(__x86_64__)
             const std::uint64_t sitesOf[2] = {evenSites, oddSites};
             for (int rowParity = 0; rowParity < 2; ++rowParity)
-                if (!written[rowParity]) mergeRows(rows[rowParity], out[plane] + x * height, sitesOf[rowParity], rowParity == 1);
+                if (!written[rowParity])
+                    mergeRows(rows[rowParity], out[plane] + x * height, sitesOf[rowParity], rowParity == 1);
 #endif
         }
 }
 
 }  // namespace
 
-void demosaic8(const std::uint8_t* mosaic, std::uint8_t* red, std::uint8_t* green, std::uint8_t* blue,
-               std::uint64_t, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
-               std::uint32_t bits) {
+void demosaic8(const std::uint8_t* mosaic, std::uint8_t* red, std::uint8_t* green, std::uint8_t* blue, std::uint64_t,
+               std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment, std::uint32_t bits) {
     demosaic(fromColumns(mosaic, dims.first, dims.second), red, green, blue, dims, alignment, bits, 8);
 }
 

@@ -64,8 +64,10 @@ template <typename T>
 void monoToYuv(const T* mono, T* out, std::uint64_t n) {
     for (std::uint64_t i = 0; i < n; ++i) {
         const std::uint64_t v = mono[i];
-        if constexpr (sizeof(T) == 1) out[i] = static_cast<T>(((v * 220 + 128) >> 8) + 16);
-        else out[i] = static_cast<T>(((v * 56283 + 32768) >> 16) + 4112);
+        if constexpr (sizeof(T) == 1)
+            out[i] = static_cast<T>(((v * 220 + 128) >> 8) + 16);
+        else
+            out[i] = static_cast<T>(((v * 56283 + 32768) >> 16) + 4112);
     }
     std::fill(out + n, out + 3 * n, static_cast<T>(sizeof(T) == 1 ? 128 : 32896));
 }
@@ -101,9 +103,8 @@ void LUMOFrame::getDataInColorSpace(void** result, FrameDims* outDims, std::uint
 }
 
 void LUMOFrame::deliverInColorSpace(IFrame& source, const LUMOFrame& holder, std::uint32_t from, void** result,
-                                    FrameDims* outDims,
-                                    std::uint32_t requested, const std::int32_t* dataType, std::uint32_t alignment,
-                                    HostAllocator* allocator) {
+                                    FrameDims* outDims, std::uint32_t requested, const std::int32_t* dataType,
+                                    std::uint32_t alignment, HostAllocator* allocator) {
     static HostAllocator plainArrays;
     HostAllocator& host = allocator != nullptr ? *allocator : plainArrays;
     if (result != nullptr) *result = nullptr;
@@ -150,8 +151,10 @@ void LUMOFrame::deliverInColorSpace(IFrame& source, const LUMOFrame& holder, std
         if (!monoType) return;
         HostArray yuv(host, 3 * n * sampleBytes);
         if (yuv.get() == nullptr) return;
-        if (bytes) monoToYuv(samples, static_cast<std::uint8_t*>(yuv.get()), n);
-        else monoToYuv(reinterpret_cast<const std::uint16_t*>(samples), static_cast<std::uint16_t*>(yuv.get()), n);
+        if (bytes)
+            monoToYuv(samples, static_cast<std::uint8_t*>(yuv.get()), n);
+        else
+            monoToYuv(reinterpret_cast<const std::uint16_t*>(samples), static_cast<std::uint16_t*>(yuv.get()), n);
         data.swap(yuv);
         bands = 3;
     } else if (from == COLORSPACE_MONO && requested == COLORSPACE_DEMOSAIC) {
@@ -164,8 +167,8 @@ void LUMOFrame::deliverInColorSpace(IFrame& source, const LUMOFrame& holder, std
             BayerUtil::demosaic8(samples, planes, planes + n, planes + 2 * n, n, size, alignment, bits);
         } else {
             auto* planes = static_cast<std::uint16_t*>(rgb.get());
-            BayerUtil::demosaic16(reinterpret_cast<const std::uint16_t*>(samples), planes, planes + n, planes + 2 * n, n,
-                                  size, alignment, bits);
+            BayerUtil::demosaic16(reinterpret_cast<const std::uint16_t*>(samples), planes, planes + n, planes + 2 * n,
+                                  n, size, alignment, bits);
         }
         data.swap(rgb);
         bands = 3;

@@ -26,9 +26,12 @@ inline std::int64_t shifted(std::int64_t x, int amount) {
 // for signed targets, the other way round from int16 and int32.
 template <typename S, typename D>
 constexpr bool topBitOffset() {
-    if constexpr (std::is_unsigned_v<S>) return std::is_signed_v<D>;
-    else if constexpr (sizeof(S) == 1) return std::is_signed_v<D>;
-    else return std::is_unsigned_v<D>;
+    if constexpr (std::is_unsigned_v<S>)
+        return std::is_signed_v<D>;
+    else if constexpr (sizeof(S) == 1)
+        return std::is_signed_v<D>;
+    else
+        return std::is_unsigned_v<D>;
 }
 
 template <typename D>

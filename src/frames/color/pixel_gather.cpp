@@ -37,9 +37,11 @@ using TransposeBlock = void (*)(const std::uint8_t* const rows[16], std::size_t 
 void transposeBlock128(const std::uint8_t* const rows[16], std::size_t at, std::size_t vectors, std::uint8_t* block) {
     for (std::size_t k = 0; k < vectors; ++k) {
         __m128i v[16];
-        for (std::size_t i = 0; i < 16; ++i) v[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows[i] + at + 16 * k));
+        for (std::size_t i = 0; i < 16; ++i)
+            v[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows[i] + at + 16 * k));
         transposeVectors<1>(v);
-        for (std::size_t e = 0; e < 16; ++e) _mm_store_si128(reinterpret_cast<__m128i*>(block + (16 * k + e) * 16), v[e]);
+        for (std::size_t e = 0; e < 16; ++e)
+            _mm_store_si128(reinterpret_cast<__m128i*>(block + (16 * k + e) * 16), v[e]);
     }
 }
 
@@ -51,7 +53,8 @@ __attribute__((target("avx2"))) void transposeBlock256(const std::uint8_t* const
         for (std::size_t i = 0; i < 16; ++i)
             v[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(rows[i] + at + 32 * k));
         transposeVectors256<1>(v);
-        for (std::size_t e = 0; e < 16; ++e) _mm256_store_si256(reinterpret_cast<__m256i*>(block + (16 * k + e) * 32), v[e]);
+        for (std::size_t e = 0; e < 16; ++e)
+            _mm256_store_si256(reinterpret_cast<__m256i*>(block + (16 * k + e) * 32), v[e]);
     }
 }
 
@@ -84,13 +87,13 @@ LUMO_AVX512 void storeGroupPiece(const __m512i* v, std::uint8_t* const* columnOf
 
 template <std::size_t G, std::size_t P, std::size_t K, std::size_t... B>
 LUMO_AVX512 void storeGroupPieces(const __m512i* v, std::uint8_t* const* columnOf, std::size_t groupStride,
-                                         std::index_sequence<B...>) {
+                                  std::index_sequence<B...>) {
     (storeGroupPiece<G, P, K, B>(v, columnOf, groupStride), ...);
 }
 
 template <std::size_t G, std::size_t P, std::size_t K>
 LUMO_AVX512 void splitGroupVector(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
-                                         std::size_t groupStride) {
+                                  std::size_t groupStride) {
     __m512i v[16];
     for (std::size_t i = 0; i < 16; ++i) v[i] = _mm512_loadu_si512(rows[i] + at + 64 * K);
     transposeVectors512<1>(v);
@@ -99,7 +102,7 @@ LUMO_AVX512 void splitGroupVector(const std::uint8_t* const rows[16], std::size_
 
 template <std::size_t G, std::size_t P, std::size_t... K>
 LUMO_AVX512 void splitGroupVectors(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
-                                          std::size_t groupStride, std::index_sequence<K...>) {
+                                   std::size_t groupStride, std::index_sequence<K...>) {
     (splitGroupVector<G, P, K>(rows, at, columnOf, groupStride), ...);
 }
 
@@ -109,7 +112,8 @@ using SplitGroups = void (*)(const std::uint8_t* const rows[16], std::size_t at,
 
 template <std::size_t G, std::size_t P>
 __attribute__((target("avx512f,avx512bw"))) void splitGroups512(const std::uint8_t* const rows[16], std::size_t at,
-                                                                std::uint8_t* const* columnOf, std::size_t groupStride) {
+                                                                std::uint8_t* const* columnOf,
+                                                                std::size_t groupStride) {
     splitGroupVectors<G, P>(rows, at, columnOf, groupStride, std::make_index_sequence<(64 / P * G + 63) / 64>{});
 }
 
@@ -124,8 +128,11 @@ GroupLayout groupLayout(const PixelBlock& block) {
     constexpr struct {
         std::size_t bytes, pixels;
         SplitGroups split;
-    } kernels[] = {{3, 1, splitGroups512<3, 1>}, {4, 1, splitGroups512<4, 1>}, {4, 2, splitGroups512<4, 2>},
-                   {6, 4, splitGroups512<6, 4>}, {12, 8, splitGroups512<12, 8>}};
+    } kernels[] = {{3, 1, splitGroups512<3, 1>},
+                   {4, 1, splitGroups512<4, 1>},
+                   {4, 2, splitGroups512<4, 2>},
+                   {6, 4, splitGroups512<6, 4>},
+                   {12, 8, splitGroups512<12, 8>}};
     for (const auto& kernel : kernels) {
         if (block.blockBytes * kernel.pixels != 16 * kernel.bytes) continue;
         bool repeats = true;
@@ -151,8 +158,10 @@ void splitBlocks(const std::uint8_t* src, std::size_t stride, const std::uint8_t
     TransposeBlock transpose = transposeBlock128;
     std::size_t chunks = 1;  // 16-byte chunks per vector
 #if defined(__x86_64__)
-    if (widestKernelsAvailable()) transpose = transposeBlock512, chunks = 4;
-    else if (wideKernelsAvailable()) transpose = transposeBlock256, chunks = 2;
+    if (widestKernelsAvailable())
+        transpose = transposeBlock512, chunks = 4;
+    else if (wideKernelsAvailable())
+        transpose = transposeBlock256, chunks = 2;
 #endif
     const std::size_t blockPixels = 16 * chunks, vectors = (block.blockBytes + 15) / 16;
     const std::size_t rowBytes = blockPixels / 16 * block.blockBytes;  // one block row's bytes
@@ -161,7 +170,8 @@ void splitBlocks(const std::uint8_t* src, std::size_t stride, const std::uint8_t
         for (std::size_t i = 0; i < blockPixels; ++i) {
             const std::size_t b = i / 16 * block.blockBytes + block.byteOf[c][i % 16];
             const std::size_t vector = b / (16 * chunks), chunk = b / 16 % chunks, element = b % 16;
-            stores.push_back({static_cast<std::uint32_t>(((16 * vector + element) * chunks + chunk) * 16), c, i * height});
+            stores.push_back(
+                {static_cast<std::uint32_t>(((16 * vector + element) * chunks + chunk) * 16), c, i * height});
         }
     alignas(64) std::uint8_t transposed[4 * 16 * 64];
 #if defined(__x86_64__)
@@ -199,12 +209,14 @@ void splitBlocks(const std::uint8_t* src, std::size_t stride, const std::uint8_t
             }
             for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
                 const std::size_t at = x0 / 16 * block.blockBytes;
-                if (furthest > end || static_cast<std::size_t>(end - furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
+                if (furthest > end ||
+                    static_cast<std::size_t>(end - furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
                     break;
 #if defined(__x86_64__)
                 if (groups.split != nullptr) {
                     for (std::size_t k = 0; k < slots.size(); ++k)
-                        columnOf[k] = slots[k].plane < 0 ? nullptr : planes[slots[k].plane] + (x0 + slots[k].pixel) * height + r0;
+                        columnOf[k] =
+                            slots[k].plane < 0 ? nullptr : planes[slots[k].plane] + (x0 + slots[k].pixel) * height + r0;
                     groups.split(rows, at, columnOf.data(), groups.pixels * height);
                     for (std::size_t g = 0; g < chunks; ++g) ++bands[x0 / 16 + g];
                     continue;
@@ -256,7 +268,8 @@ void splitInterleaved(const std::uint8_t* src, std::size_t stride, const std::ui
             splitRowPortable(row, 0, width, block, out);
         }
         for (int c = 0; c < 3; ++c)
-            transposeSamples<1>(&band[c * bandRows * width], width, planes[c] + r0, height, rows, width, false, SampleOp::Copy);
+            transposeSamples<1>(&band[c * bandRows * width], width, planes[c] + r0, height, rows, width, false,
+                                SampleOp::Copy);
     }
 }
 

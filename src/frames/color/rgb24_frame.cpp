@@ -20,15 +20,15 @@ struct Rgb24Format {
 };
 
 constexpr Rgb24Format rgb24Formats[18] = {
-    {3, 8, 1, false, {{0, 0}, {1, 1}, {2, 2}}},   {3, 8, 1, false, {{2, 2}, {1, 1}, {0, 0}}},
-    {4, 8, 1, false, {{0, 0}, {1, 1}, {2, 2}}},   {4, 8, 1, false, {{2, 2}, {1, 1}, {0, 0}}},
-    {4, 8, 1, false, {{1, 1}, {2, 2}, {3, 3}}},   {4, 8, 1, false, {{3, 3}, {2, 2}, {1, 1}}},
-    {6, 16, 2, false, {{0, 1}, {2, 3}, {4, 5}}},  {6, 16, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
-    {6, 16, 2, false, {{1, 0}, {3, 2}, {5, 4}}},  {6, 16, 2, false, {{5, 4}, {3, 2}, {1, 0}}},
-    {6, 16, 2, true, {{0, 1}, {2, 3}, {4, 5}}},   {6, 16, 2, true, {{4, 5}, {2, 3}, {0, 1}}},
-    {6, 16, 2, true, {{1, 0}, {3, 2}, {5, 4}}},   {6, 16, 2, true, {{5, 4}, {3, 2}, {1, 0}}},
-    {6, 10, 2, false, {{0, 1}, {2, 3}, {4, 5}}},  {6, 10, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
-    {6, 12, 2, false, {{0, 1}, {2, 3}, {4, 5}}},  {6, 12, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
+    {3, 8, 1, false, {{0, 0}, {1, 1}, {2, 2}}},  {3, 8, 1, false, {{2, 2}, {1, 1}, {0, 0}}},
+    {4, 8, 1, false, {{0, 0}, {1, 1}, {2, 2}}},  {4, 8, 1, false, {{2, 2}, {1, 1}, {0, 0}}},
+    {4, 8, 1, false, {{1, 1}, {2, 2}, {3, 3}}},  {4, 8, 1, false, {{3, 3}, {2, 2}, {1, 1}}},
+    {6, 16, 2, false, {{0, 1}, {2, 3}, {4, 5}}}, {6, 16, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
+    {6, 16, 2, false, {{1, 0}, {3, 2}, {5, 4}}}, {6, 16, 2, false, {{5, 4}, {3, 2}, {1, 0}}},
+    {6, 16, 2, true, {{0, 1}, {2, 3}, {4, 5}}},  {6, 16, 2, true, {{4, 5}, {2, 3}, {0, 1}}},
+    {6, 16, 2, true, {{1, 0}, {3, 2}, {5, 4}}},  {6, 16, 2, true, {{5, 4}, {3, 2}, {1, 0}}},
+    {6, 10, 2, false, {{0, 1}, {2, 3}, {4, 5}}}, {6, 10, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
+    {6, 12, 2, false, {{0, 1}, {2, 3}, {4, 5}}}, {6, 12, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
 };
 
 // Subtypes outside the table hold no pixels and convert nothing.
@@ -64,7 +64,8 @@ RGB24Frame::RGB24Frame(std::int32_t w, std::int32_t h, std::int32_t sub, bool fl
       dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3},
       width(w),
       height(h),
-      rowStride(static_cast<std::int32_t>(static_cast<std::uint32_t>(formatOf(sub).bytesPerPixel) * static_cast<std::uint32_t>(w))),
+      rowStride(static_cast<std::int32_t>(static_cast<std::uint32_t>(formatOf(sub).bytesPerPixel) *
+                                          static_cast<std::uint32_t>(w))),
       bottomUp(flip ? 1 : 0),
       planeSize(planeBytes(w, h, formatOf(sub).bytesPerSample)),
       subtype(sub),
@@ -102,22 +103,27 @@ void RGB24Frame::convert(void** dest, const std::uint8_t* src) const {
         // 8-bit layouts repeat every pixel: split a row at a time and transpose, in order.
         PixelBlock block{{}, static_cast<std::size_t>(16 * f.bytesPerPixel)};
         for (int c = 0; c < 3; ++c)
-            for (int i = 0; i < 16; ++i) block.byteOf[c][i] = static_cast<std::uint8_t>(i * f.bytesPerPixel + f.offsets[c][0]);
+            for (int i = 0; i < 16; ++i)
+                block.byteOf[c][i] = static_cast<std::uint8_t>(i * f.bytesPerPixel + f.offsets[c][0]);
         splitInterleaved(src, static_cast<std::size_t>(stride), src + stride * height, static_cast<std::size_t>(width),
                          static_cast<std::size_t>(height), bottomUp == 1, block, out.plane);
         return;
     }
     const Tiling tiling{tiled, tileColumns, tileRows};
     forEachTile(width, height, tiling, [&](std::int64_t x0, std::int64_t x1, std::int64_t y0, std::int64_t y1) {
-        if (f.bytesPerSample == 1) convertTile<1>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
-        else convertTile<2>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
+        if (f.bytesPerSample == 1)
+            convertTile<1>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
+        else
+            convertTile<2>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
     });
 }
 
 void RGB24Frame::getData(void** dest) {
     if (!isBufferAllocated()) return;
     const Rgb24Format& f = formatOf(subtype);
-    if (allocatedSize < static_cast<std::uint64_t>(std::max(0, width)) * static_cast<std::uint64_t>(std::max(0, height)) * f.bytesPerPixel) return;
+    if (allocatedSize < static_cast<std::uint64_t>(std::max(0, width)) *
+                            static_cast<std::uint64_t>(std::max(0, height)) * f.bytesPerPixel)
+        return;
     convert(dest, buffer);
 }
 
@@ -127,7 +133,8 @@ void RGB24Frame::getDataFromBuffer(void** dest, const std::uint8_t* src, std::in
         return;
     }
     const Rgb24Format& f = formatOf(subtype);
-    if (dest == nullptr || dest[0] == nullptr || src == nullptr || f.bytesPerPixel == 0 || width <= 0 || height <= 0) return;
+    if (dest == nullptr || dest[0] == nullptr || src == nullptr || f.bytesPerPixel == 0 || width <= 0 || height <= 0)
+        return;
     auto* out = static_cast<std::uint8_t*>(dest[0]);
     const std::int64_t s = f.bitsPerSample / 8;
     const bool padded = f.bytesPerPixel > 3 * s;
@@ -143,7 +150,8 @@ void RGB24Frame::getDataFromBuffer(void** dest, const std::uint8_t* src, std::in
         for (std::int64_t p = 0; p < pixels; ++p) {
             const std::uint8_t* from = src + unit * (p * perPixel + (lead ? 1 : 0));
             std::uint8_t* to = out + p * 3 * unit;
-            for (int k = 0; k < 3; ++k) std::memcpy(to + k * unit, from + (reversed ? 2 - k : k) * unit, static_cast<std::size_t>(unit));
+            for (int k = 0; k < 3; ++k)
+                std::memcpy(to + k * unit, from + (reversed ? 2 - k : k) * unit, static_cast<std::size_t>(unit));
         }
     }
     if (bottomUp != 1 || height < 2) return;

@@ -17,7 +17,7 @@ struct PlanarFormat {
 };
 
 constexpr PlanarFormat planarFormats[9] = {
-    {8, 1, false, false},  {16, 2, false, false}, {16, 2, false, true}, {16, 2, true, false}, {16, 2, true, true},
+    {8, 1, false, false},  {16, 2, false, false}, {16, 2, false, true},  {16, 2, true, false}, {16, 2, true, true},
     {10, 2, false, false}, {12, 2, false, false}, {14, 2, false, false}, {8, 1, true, false},
 };
 constexpr PlanarFormat noFormat = {0, 0, false, false};
@@ -62,7 +62,9 @@ std::int64_t RGB24Planar::getAlignedSize() const {
     return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
 }
 
-std::uint32_t RGB24Planar::getBitsPerBand() const { return static_cast<std::uint32_t>(formatOf(subtype).bitsPerSample); }
+std::uint32_t RGB24Planar::getBitsPerBand() const {
+    return static_cast<std::uint32_t>(formatOf(subtype).bitsPerSample);
+}
 const FrameDims* RGB24Planar::getDimensions() const { return &dims; }
 
 void RGB24Planar::convert(void** dest, const std::uint8_t* src) const {
@@ -73,9 +75,12 @@ void RGB24Planar::convert(void** dest, const std::uint8_t* src) const {
     const Tiling tiling = colorTiling(width, height);
     for (int band = 0; band < 3; ++band) {
         const std::uint8_t* plane = src + band * planeSize;
-        if (f.bytesPerSample == 1) transposePlane<1, false>(plane, out.plane[band], width, height, tiling);
-        else if (f.bigEndian) transposePlane<2, true>(plane, out.plane[band], width, height, tiling);
-        else transposePlane<2, false>(plane, out.plane[band], width, height, tiling);
+        if (f.bytesPerSample == 1)
+            transposePlane<1, false>(plane, out.plane[band], width, height, tiling);
+        else if (f.bigEndian)
+            transposePlane<2, true>(plane, out.plane[band], width, height, tiling);
+        else
+            transposePlane<2, false>(plane, out.plane[band], width, height, tiling);
     }
 }
 
@@ -114,9 +119,9 @@ std::uint8_t* RGB24Planar::copyRegionToBuffer(const std::uint8_t* src, std::uint
     for (int band = 0; band < 3; ++band) {
         std::uint8_t* to = target + band * planeSize;
         // The origin term is in samples of one byte whatever the sample size, as hosts rely on.
-        const std::uint8_t* from = src + band * srcPlane * bps + (static_cast<std::int64_t>(yOffset) * srcWidth + xOffset);
-        for (std::int32_t i = 0; i < height; ++i)
-            std::memcpy(to + i * rowBytes, from + i * srcWidth * bps, rowBytes);
+        const std::uint8_t* from =
+            src + band * srcPlane * bps + (static_cast<std::int64_t>(yOffset) * srcWidth + xOffset);
+        for (std::int32_t i = 0; i < height; ++i) std::memcpy(to + i * rowBytes, from + i * srcWidth * bps, rowBytes);
     }
     return target;
 }

@@ -31,7 +31,8 @@ YUVHybridFrame::YUVHybridFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
 }
 
 std::uint64_t YUVHybridFrame::naturalSize() const {
-    return wrappedSize(static_cast<std::int32_t>(static_cast<std::uint32_t>(height) * static_cast<std::uint32_t>(width) * 3u) >> 1);
+    return wrappedSize(
+        static_cast<std::int32_t>(static_cast<std::uint32_t>(height) * static_cast<std::uint32_t>(width) * 3u) >> 1);
 }
 
 std::int32_t YUVHybridFrame::getDataType() const { return DATATYPE_UINT8; }
@@ -75,7 +76,8 @@ void YUVHybridFrame::getData(void** dest) {
 }
 
 std::uint8_t* YUVHybridFrame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth,
-                                                 std::uint32_t srcHeight, std::uint32_t xOffset, std::uint32_t yOffset) {
+                                                 std::uint32_t srcHeight, std::uint32_t xOffset,
+                                                 std::uint32_t yOffset) {
     if (src == nullptr || !regionInside(width, height, srcWidth, srcHeight, xOffset, yOffset)) return nullptr;
     const bool whole = xOffset == 0 && yOffset == 0 && srcWidth == static_cast<std::uint32_t>(width) &&
                        srcHeight == static_cast<std::uint32_t>(height);

@@ -79,8 +79,10 @@ YUVPackedFrame::YUVPackedFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
 void YUVPackedFrame::layOutRows(std::int32_t groups) {
     const PackedFormat& f = *formatOf(subtype);
     groupsPerRow = groups;
-    rowStride = static_cast<std::int32_t>(static_cast<std::uint32_t>(f.bytesPerGroup) * static_cast<std::uint32_t>(groups));
-    tailPad = static_cast<std::int32_t>((static_cast<std::int64_t>(groups) * f.pixelsPerGroup - width) % f.pixelsPerGroup);
+    rowStride =
+        static_cast<std::int32_t>(static_cast<std::uint32_t>(f.bytesPerGroup) * static_cast<std::uint32_t>(groups));
+    tailPad =
+        static_cast<std::int32_t>((static_cast<std::int64_t>(groups) * f.pixelsPerGroup - width) % f.pixelsPerGroup);
     bufferSize = wrappedSize(static_cast<std::int64_t>(rowStride) * height);
 }
 
@@ -101,7 +103,8 @@ void YUVPackedFrame::getData(void** dest) {
     // Every byte read must lie in the buffer.
     std::int64_t furthest = 0;
     for (const PixelSource& p : row)
-        furthest = std::max<std::int64_t>(furthest, p.groupByte + std::max({f->y[p.position], f->u[p.position], f->v[p.position]}));
+        furthest = std::max<std::int64_t>(
+            furthest, p.groupByte + std::max({f->y[p.position], f->u[p.position], f->v[p.position]}));
     if ((h - 1) * rowStride + furthest >= static_cast<std::int64_t>(allocatedSize)) return;
     // Rows that start at a group and run through whole groups repeat every 16 pixels: split them a
     // row at a time and transpose.
@@ -117,8 +120,8 @@ void YUVPackedFrame::getData(void** dest) {
             block.byteOf[1][i] = static_cast<std::uint8_t>(group + f->u[k]);
             block.byteOf[2][i] = static_cast<std::uint8_t>(group + f->v[k]);
         }
-        splitInterleaved(buffer, static_cast<std::size_t>(rowStride), buffer + allocatedSize, static_cast<std::size_t>(width),
-                         static_cast<std::size_t>(h), false, block, out.plane);
+        splitInterleaved(buffer, static_cast<std::size_t>(rowStride), buffer + allocatedSize,
+                         static_cast<std::size_t>(width), static_cast<std::size_t>(h), false, block, out.plane);
         return;
     }
     for (std::size_t x = 0; x < row.size(); ++x) {
@@ -134,7 +137,8 @@ void YUVPackedFrame::getData(void** dest) {
 }
 
 std::uint8_t* YUVPackedFrame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth,
-                                                 std::uint32_t srcHeight, std::uint32_t xOffset, std::uint32_t yOffset) {
+                                                 std::uint32_t srcHeight, std::uint32_t xOffset,
+                                                 std::uint32_t yOffset) {
     const PackedFormat* f = formatOf(subtype);
     if (f == nullptr || src == nullptr || !regionInside(width, height, srcWidth, srcHeight, xOffset, yOffset))
         return nullptr;
@@ -155,7 +159,8 @@ std::uint8_t* YUVPackedFrame::copyRegionToBuffer(const std::uint8_t* src, std::u
     const std::int32_t phase = static_cast<std::int32_t>(xOffset % static_cast<std::uint32_t>(ppg));
     std::int32_t groups = groupsPerRow;
     if (phase != startPhase)
-        groups = static_cast<std::int32_t>(std::min<std::int64_t>(groupsFor(width, ppg) + (phase != 0 ? 1 : 0), srcGroups));
+        groups =
+            static_cast<std::int32_t>(std::min<std::int64_t>(groupsFor(width, ppg) + (phase != 0 ? 1 : 0), srcGroups));
     // The rows copied must lie in the source, whose rows hold whole groups.
     const std::int64_t stride = static_cast<std::int64_t>(bpg) * groups;
     const std::int64_t start = (xOffset / ppg + static_cast<std::int64_t>(yOffset) * srcGroups) * bpg;

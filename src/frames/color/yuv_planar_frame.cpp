@@ -23,7 +23,8 @@ const PlanarYuvFormat* formatOf(std::int32_t subtype) {
 }
 
 std::int32_t roundedUp(std::int32_t value, std::int32_t factor) {
-    return value <= 0 ? value : static_cast<std::int32_t>((static_cast<std::int64_t>(value) + factor - 1) / factor * factor);
+    return value <= 0 ? value
+                      : static_cast<std::int32_t>((static_cast<std::int64_t>(value) + factor - 1) / factor * factor);
 }
 
 // Byte offsets of the Y, U and V planes in a buffer laid out in the format's order.
@@ -60,8 +61,9 @@ YUVPlanarFrame::YUVPlanarFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
         paddedWidth = roundedUp(w, f->factor);
         paddedHeight = roundedUp(h, f->factor);
         lumaSize = static_cast<std::int64_t>(paddedWidth) * paddedHeight;
-        chromaSize = static_cast<std::int64_t>(static_cast<std::uint64_t>(lumaSize) / static_cast<std::uint64_t>(f->factor) /
-                                               static_cast<std::uint64_t>(f->factor));
+        chromaSize =
+            static_cast<std::int64_t>(static_cast<std::uint64_t>(lumaSize) / static_cast<std::uint64_t>(f->factor) /
+                                      static_cast<std::uint64_t>(f->factor));
         bufferSize = static_cast<std::uint64_t>(lumaSize + 2 * chromaSize);
     }
 }
@@ -96,7 +98,8 @@ void YUVPlanarFrame::getData(void** dest) {
 }
 
 std::uint8_t* YUVPlanarFrame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth,
-                                                 std::uint32_t srcHeight, std::uint32_t xOffset, std::uint32_t yOffset) {
+                                                 std::uint32_t srcHeight, std::uint32_t xOffset,
+                                                 std::uint32_t yOffset) {
     const PlanarYuvFormat* f = formatOf(subtype);
     if (f == nullptr || src == nullptr || !regionInside(width, height, srcWidth, srcHeight, xOffset, yOffset))
         return nullptr;
@@ -113,7 +116,8 @@ std::uint8_t* YUVPlanarFrame::copyRegionToBuffer(const std::uint8_t* src, std::u
     const std::int64_t chromaBytes = paddedWidth / factor;
     // Padded rows may reach past the region: every byte read must still lie in the source.
     if (height > 0) {
-        const std::int64_t lastLuma = (yOffset + height - 1) * static_cast<std::int64_t>(srcWidth) + xOffset + paddedWidth;
+        const std::int64_t lastLuma =
+            (yOffset + height - 1) * static_cast<std::int64_t>(srcWidth) + xOffset + paddedWidth;
         const std::int64_t lastChromaRow = yOffset / factor + (height - 1) / factor;
         const std::int64_t lastChroma =
             std::max(from.at[U], from.at[V]) + lastChromaRow * srcChromaRow + xOffset / factor + chromaBytes;

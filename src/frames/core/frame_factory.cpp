@@ -21,8 +21,8 @@ IFrame* makeBayerFrame(std::uint32_t code, std::int32_t width, std::int32_t heig
         bool packed;
         std::uint32_t variant;
     };
-    static constexpr Group groups[9] = {{8, false, 0},  {10, false, 0}, {12, false, 0}, {14, false, 0}, {16, false, 0},
-                                        {10, true, 0},  {12, true, 0},  {10, true, 1},  {12, true, 1}};
+    static constexpr Group groups[9] = {{8, false, 0}, {10, false, 0}, {12, false, 0}, {14, false, 0}, {16, false, 0},
+                                        {10, true, 0}, {12, true, 0},  {10, true, 1},  {12, true, 1}};
     static constexpr std::uint32_t alignments[4] = {0, 1, 2, 4};
     const std::uint32_t index = code & 0xFFu;
     const Group& group = groups[index / 4];

@@ -20,8 +20,8 @@ void HostAllocator::release(void* array) { delete[] static_cast<std::uint8_t*>(a
 namespace {
 
 std::uint64_t wrappedBufferSize(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel) {
-    const std::uint32_t product =
-        static_cast<std::uint32_t>(width) * static_cast<std::uint32_t>(height) * static_cast<std::uint32_t>(bytesPerPixel);
+    const std::uint32_t product = static_cast<std::uint32_t>(width) * static_cast<std::uint32_t>(height) *
+                                  static_cast<std::uint32_t>(bytesPerPixel);
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(product)));
 }
 
@@ -40,7 +40,8 @@ std::string keyOf(const char* name) {
 
 }  // namespace
 
-LUMOFrame::LUMOFrame(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel, std::uint32_t initialColorSpace)
+LUMOFrame::LUMOFrame(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel,
+                     std::uint32_t initialColorSpace)
     : buffer(nullptr),
       bufferSize(wrappedBufferSize(width, height, bytesPerPixel)),
       colorSpace(initialColorSpace),
@@ -175,7 +176,8 @@ std::uint8_t* LUMOFrame::copyRowRegion(const std::uint8_t* src, std::uint32_t sr
                                        std::uint32_t x, std::uint32_t y, std::int32_t width, std::int32_t height,
                                        std::int32_t bytesPerPixel, bool bottomUp) {
     if (width <= 0 || height <= 0) return allocateBuffer();  // nothing to copy
-    if (src == nullptr || bytesPerPixel <= 0 || static_cast<std::uint64_t>(x) + static_cast<std::uint64_t>(width) > srcWidth ||
+    if (src == nullptr || bytesPerPixel <= 0 ||
+        static_cast<std::uint64_t>(x) + static_cast<std::uint64_t>(width) > srcWidth ||
         static_cast<std::uint64_t>(y) + static_cast<std::uint64_t>(height) > srcHeight)
         return nullptr;
     const std::uint64_t firstRow = bottomUp ? srcHeight - static_cast<std::uint32_t>(height) - y : y;
@@ -223,13 +225,17 @@ MetaDataItem* LUMOFrame::getMetaData(const char* name) const {
     return found == metaData.end() ? nullptr : found->second;
 }
 
-void LUMOFrame::addDoubleMetaData(const char* name, double value) { insertMetaData(name, new DoubleMetaDataItem(value)); }
+void LUMOFrame::addDoubleMetaData(const char* name, double value) {
+    insertMetaData(name, new DoubleMetaDataItem(value));
+}
 
 void LUMOFrame::addTimeVectorMetaData(const char* name, double value) {
     insertMetaData(name, new TimeVectorMetaDataItem(value));
 }
 
-void LUMOFrame::addCStrMetaData(const char* name, const char* value) { insertMetaData(name, new CStrMetaDataItem(value)); }
+void LUMOFrame::addCStrMetaData(const char* name, const char* value) {
+    insertMetaData(name, new CStrMetaDataItem(value));
+}
 
 void LUMOFrame::addDoubleArrayMetaData(const char* name, const double* values, std::uint64_t count) {
     insertMetaData(name, new DoubleArrayMetaDataItem(values, count));

@@ -43,7 +43,8 @@ DoubleArrayMetaDataItem::DoubleArrayMetaDataItem(const double* v, std::uint64_t 
 
 DoubleArrayMetaDataItem::~DoubleArrayMetaDataItem() { delete[] values; }
 
-BooleanArrayMetaDataItem::BooleanArrayMetaDataItem(const bool* v, std::uint64_t n) : values(copyArray(v, n)), count(n) {}
+BooleanArrayMetaDataItem::BooleanArrayMetaDataItem(const bool* v, std::uint64_t n)
+    : values(copyArray(v, n)), count(n) {}
 
 BooleanArrayMetaDataItem::~BooleanArrayMetaDataItem() { delete[] values; }
 
@@ -86,8 +87,8 @@ void free3D(double*** values, std::uint64_t d1, std::uint64_t d2) {
 
 }  // namespace
 
-Double3DArrayMetaDataItem::Double3DArrayMetaDataItem(const double* const* const* v, std::uint64_t n1,
-                                                     std::uint64_t n2, std::uint64_t n3)
+Double3DArrayMetaDataItem::Double3DArrayMetaDataItem(const double* const* const* v, std::uint64_t n1, std::uint64_t n2,
+                                                     std::uint64_t n3)
     : values(nullptr), d1(n1), d2(n2), d3(n3) {
     requireValues(v, d1);
     auto outer = std::unique_ptr<double**[]>(new double**[d1]());

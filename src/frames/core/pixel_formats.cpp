@@ -109,7 +109,8 @@ FRAMETYPE frameTypeFromPixelFormat(std::uint32_t pfncValue) {
 FRAMETYPE frameTypeFromPixelFormatName(const char* pfncName) {
     if (pfncName == nullptr) return FRAMETYPE{};
     const PixelFormat* format = find([&](const PixelFormat& f) {
-        return std::strcmp(f.name, pfncName) == 0 || (f.olderName != nullptr && std::strcmp(f.olderName, pfncName) == 0);
+        return std::strcmp(f.name, pfncName) == 0 ||
+               (f.olderName != nullptr && std::strcmp(f.olderName, pfncName) == 0);
     });
     return format != nullptr ? format->code : FRAMETYPE{};
 }

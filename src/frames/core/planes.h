@@ -27,7 +27,8 @@ inline bool regionInside(std::int64_t width, std::int64_t height, std::uint32_t 
 
 // Sizes defined as signed 32-bit products wrap as such; sign extension makes a negative one huge.
 inline std::uint64_t wrappedSize(std::int64_t product) {
-    return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(static_cast<std::uint32_t>(product))));
+    return static_cast<std::uint64_t>(
+        static_cast<std::int64_t>(static_cast<std::int32_t>(static_cast<std::uint32_t>(product))));
 }
 
 // Bytes of one plane of width x height samples; 0 for an image without pixels.

@@ -22,13 +22,21 @@ std::atomic<int> widthLimit{initialWidthLimit()};
 template <int N>
 struct Unsigned;
 template <>
-struct Unsigned<1> { using type = std::uint8_t; };
+struct Unsigned<1> {
+    using type = std::uint8_t;
+};
 template <>
-struct Unsigned<2> { using type = std::uint16_t; };
+struct Unsigned<2> {
+    using type = std::uint16_t;
+};
 template <>
-struct Unsigned<4> { using type = std::uint32_t; };
+struct Unsigned<4> {
+    using type = std::uint32_t;
+};
 template <>
-struct Unsigned<8> { using type = std::uint64_t; };
+struct Unsigned<8> {
+    using type = std::uint64_t;
+};
 
 template <int N>
 inline typename Unsigned<N>::type swapped(typename Unsigned<N>::type v) {
@@ -72,7 +80,7 @@ inline __m128i applyOp(__m128i v, SampleOp op) {
 template <int N>
 void transposeVector(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
                      std::size_t rows, std::size_t cols, bool flip, SampleOp op) {
-    constexpr std::size_t V = 16 / N;           // samples a vector holds
+    constexpr std::size_t V = 16 / N;             // samples a vector holds
     constexpr std::size_t stripColumns = 64 / N;  // one cache line of each source row
     const std::size_t fullRows = rows / V * V, fullCols = cols / V * V;
     for (std::size_t s0 = 0; s0 < fullCols; s0 += stripColumns) {
@@ -89,8 +97,10 @@ void transposeVector(const std::uint8_t* src, std::size_t srcRowBytes, std::uint
                     auto* at = reinterpret_cast<__m128i*>(dst + ((c0 + k) * dstColumn + r0) * N);
                     // Wide samples fill whole output lines a column at a time: streamed past the
                     // cache, they leave it to the source rows.
-                    if (N == 8 && (reinterpret_cast<std::uintptr_t>(at) & 15) == 0) _mm_stream_si128(at, applyOp<N>(v[k], op));
-                    else _mm_storeu_si128(at, applyOp<N>(v[k], op));
+                    if (N == 8 && (reinterpret_cast<std::uintptr_t>(at) & 15) == 0)
+                        _mm_stream_si128(at, applyOp<N>(v[k], op));
+                    else
+                        _mm_storeu_si128(at, applyOp<N>(v[k], op));
                 }
             }
     }
@@ -142,8 +152,10 @@ __attribute__((target("avx512f,avx512bw"))) void transposeWidestBlocks(const std
                 splitParts(applyWidest<N>(v[k], op, swapOrder), parts);
                 for (std::size_t q = 0; q < 4; ++q) {
                     auto* at = reinterpret_cast<__m128i*>(dst + ((c0 + q * V + k) * dstColumn + r0) * N);
-                    if (N == 8 && (reinterpret_cast<std::uintptr_t>(at) & 15) == 0) _mm_stream_si128(at, parts[q]);
-                    else _mm_storeu_si128(at, parts[q]);
+                    if (N == 8 && (reinterpret_cast<std::uintptr_t>(at) & 15) == 0)
+                        _mm_stream_si128(at, parts[q]);
+                    else
+                        _mm_storeu_si128(at, parts[q]);
                 }
             }
         }
@@ -159,7 +171,8 @@ void transposeWidest(const std::uint8_t* src, std::size_t srcRowBytes, std::uint
     const std::size_t fullRows = rows / V * V, fullCols = cols / (4 * V) * (4 * V);
     transposeWidestBlocks<N>(src, srcRowBytes, dst, dstColumn, rows, fullRows, fullCols, flip, op);
     if (cols > fullCols)
-        transposeVector<N>(src + fullCols * N, srcRowBytes, dst + fullCols * dstColumn * N, dstColumn, rows, cols - fullCols, flip, op);
+        transposeVector<N>(src + fullCols * N, srcRowBytes, dst + fullCols * dstColumn * N, dstColumn, rows,
+                           cols - fullCols, flip, op);
     transposeScalar<N>(src, srcRowBytes, dst, dstColumn, rows, fullRows, rows, 0, fullCols, flip, op);
 }
 
@@ -216,9 +229,13 @@ void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uin
     transposeScalar<N>(src, srcRowBytes, dst, dstColumn, rows, 0, rows, 0, cols, flipRows, op);
 }
 
-template void transposeSamples<1>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t, std::size_t, bool, SampleOp);
-template void transposeSamples<2>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t, std::size_t, bool, SampleOp);
-template void transposeSamples<4>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t, std::size_t, bool, SampleOp);
-template void transposeSamples<8>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t, std::size_t, bool, SampleOp);
+template void transposeSamples<1>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t,
+                                  std::size_t, bool, SampleOp);
+template void transposeSamples<2>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t,
+                                  std::size_t, bool, SampleOp);
+template void transposeSamples<4>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t,
+                                  std::size_t, bool, SampleOp);
+template void transposeSamples<8>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t,
+                                  std::size_t, bool, SampleOp);
 
 }  // namespace lumoframekit

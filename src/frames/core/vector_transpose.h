@@ -36,10 +36,14 @@ inline void transposeVectors(__m128i* v) {
     // Each round interleaves row i with row i + V/2; after log2(V) rounds of the sample width the
     // vectors hold columns.
     for (int step = 0; (1 << step) < V; ++step) {
-        if constexpr (N == 1) round(_mm_unpacklo_epi8, _mm_unpackhi_epi8);
-        else if constexpr (N == 2) round(_mm_unpacklo_epi16, _mm_unpackhi_epi16);
-        else if constexpr (N == 4) round(_mm_unpacklo_epi32, _mm_unpackhi_epi32);
-        else round(_mm_unpacklo_epi64, _mm_unpackhi_epi64);
+        if constexpr (N == 1)
+            round(_mm_unpacklo_epi8, _mm_unpackhi_epi8);
+        else if constexpr (N == 2)
+            round(_mm_unpacklo_epi16, _mm_unpackhi_epi16);
+        else if constexpr (N == 4)
+            round(_mm_unpacklo_epi32, _mm_unpackhi_epi32);
+        else
+            round(_mm_unpacklo_epi64, _mm_unpackhi_epi64);
     }
 }
 
@@ -53,10 +57,14 @@ LUMO_AVX2 void transposeVectors256(__m256i* v) {
         __m256i t[V];
         for (int i = 0; i < V / 2; ++i) {
             const __m256i a = v[i], b = v[i + V / 2];
-            if constexpr (N == 1) t[2 * i] = _mm256_unpacklo_epi8(a, b), t[2 * i + 1] = _mm256_unpackhi_epi8(a, b);
-            else if constexpr (N == 2) t[2 * i] = _mm256_unpacklo_epi16(a, b), t[2 * i + 1] = _mm256_unpackhi_epi16(a, b);
-            else if constexpr (N == 4) t[2 * i] = _mm256_unpacklo_epi32(a, b), t[2 * i + 1] = _mm256_unpackhi_epi32(a, b);
-            else t[2 * i] = _mm256_unpacklo_epi64(a, b), t[2 * i + 1] = _mm256_unpackhi_epi64(a, b);
+            if constexpr (N == 1)
+                t[2 * i] = _mm256_unpacklo_epi8(a, b), t[2 * i + 1] = _mm256_unpackhi_epi8(a, b);
+            else if constexpr (N == 2)
+                t[2 * i] = _mm256_unpacklo_epi16(a, b), t[2 * i + 1] = _mm256_unpackhi_epi16(a, b);
+            else if constexpr (N == 4)
+                t[2 * i] = _mm256_unpacklo_epi32(a, b), t[2 * i + 1] = _mm256_unpackhi_epi32(a, b);
+            else
+                t[2 * i] = _mm256_unpacklo_epi64(a, b), t[2 * i + 1] = _mm256_unpackhi_epi64(a, b);
         }
         for (int i = 0; i < V; ++i) v[i] = t[i];
     }
@@ -69,10 +77,14 @@ LUMO_AVX512 void transposeVectors512(__m512i* v) {
         __m512i t[V];
         for (int i = 0; i < V / 2; ++i) {
             const __m512i a = v[i], b = v[i + V / 2];
-            if constexpr (N == 1) t[2 * i] = _mm512_unpacklo_epi8(a, b), t[2 * i + 1] = _mm512_unpackhi_epi8(a, b);
-            else if constexpr (N == 2) t[2 * i] = _mm512_unpacklo_epi16(a, b), t[2 * i + 1] = _mm512_unpackhi_epi16(a, b);
-            else if constexpr (N == 4) t[2 * i] = _mm512_unpacklo_epi32(a, b), t[2 * i + 1] = _mm512_unpackhi_epi32(a, b);
-            else t[2 * i] = _mm512_unpacklo_epi64(a, b), t[2 * i + 1] = _mm512_unpackhi_epi64(a, b);
+            if constexpr (N == 1)
+                t[2 * i] = _mm512_unpacklo_epi8(a, b), t[2 * i + 1] = _mm512_unpackhi_epi8(a, b);
+            else if constexpr (N == 2)
+                t[2 * i] = _mm512_unpacklo_epi16(a, b), t[2 * i + 1] = _mm512_unpackhi_epi16(a, b);
+            else if constexpr (N == 4)
+                t[2 * i] = _mm512_unpacklo_epi32(a, b), t[2 * i + 1] = _mm512_unpackhi_epi32(a, b);
+            else
+                t[2 * i] = _mm512_unpacklo_epi64(a, b), t[2 * i + 1] = _mm512_unpackhi_epi64(a, b);
         }
         for (int i = 0; i < V; ++i) v[i] = t[i];
     }

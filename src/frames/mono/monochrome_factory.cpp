@@ -50,16 +50,29 @@ constexpr MonoEntry monoTable[0x25] = {
     /* 0x06 */ {make<MonochromeFrame12bitBETopDown>, make<MonochromeFrame12bitBEBottomUp>},
     /* 0x07 */ {make<MonochromeFrame14bitBETopDown>, make<MonochromeFrame14bitBEBottomUp>},
     /* 0x08 */ {make<MonochromeFrame16bitBETopDown>, make<MonochromeFrame16bitBEBottomUp>},
-    /* 0x09 */ {make<MonochromeFrameINTLETopDown<short, unsigned short>>, make<MonochromeFrameINTLEBottomUp<short, unsigned short>>},
-    /* 0x0A..0x0F are unassigned */ {}, {}, {}, {}, {}, {},
-    /* 0x10 */ {make<MonochromeFrameINTLETopDown<int, unsigned int>>, make<MonochromeFrameINTLEBottomUp<int, unsigned int>>},
-    /* 0x11 */ {make<MonochromeFrameINTBETopDown<short, unsigned short>>, make<MonochromeFrameINTBEBottomUp<short, unsigned short>>},
-    /* 0x12 */ {make<MonochromeFrameINTBETopDown<int, unsigned int>>, make<MonochromeFrameINTBEBottomUp<int, unsigned int>>},
+    /* 0x09 */
+    {make<MonochromeFrameINTLETopDown<short, unsigned short>>,
+     make<MonochromeFrameINTLEBottomUp<short, unsigned short>>},
+    /* 0x0A..0x0F are unassigned */ {},
+    {},
+    {},
+    {},
+    {},
+    {},
+    /* 0x10 */
+    {make<MonochromeFrameINTLETopDown<int, unsigned int>>, make<MonochromeFrameINTLEBottomUp<int, unsigned int>>},
+    /* 0x11 */
+    {make<MonochromeFrameINTBETopDown<short, unsigned short>>,
+     make<MonochromeFrameINTBEBottomUp<short, unsigned short>>},
+    /* 0x12 */
+    {make<MonochromeFrameINTBETopDown<int, unsigned int>>, make<MonochromeFrameINTBEBottomUp<int, unsigned int>>},
     /* 0x13 */ {make<MonochromeFrameFloatLETopDown<float>>, make<MonochromeFrameFloatLEBottomUp<float>>},
     /* 0x14 */ {make<MonochromeFrameFloatLETopDown<double>>, make<MonochromeFrameFloatLEBottomUp<double>>},
     /* 0x15 */ {make<MonochromeFrameFloatBETopDown<float>>, make<MonochromeFrameFloatBEBottomUp<float>>},
     /* 0x16 */ {make<MonochromeFrameFloatBETopDown<double>>, make<MonochromeFrameFloatBEBottomUp<double>>},
-    /* 0x17 */ {make<MonochromeFrameINTLETopDown<signed char, unsigned char>>, make<MonochromeFrameINTLEBottomUp<signed char, unsigned char>>},
+    /* 0x17 */
+    {make<MonochromeFrameINTLETopDown<signed char, unsigned char>>,
+     make<MonochromeFrameINTLEBottomUp<signed char, unsigned char>>},
     /* 0x18 */ {makePacked<10, 0>, nullptr},
     /* 0x19 */ {makePacked<12, 0>, nullptr},
     /* 0x1A */ {makeBlocked<MonochromeFrame8bitInv>, nullptr},
@@ -85,7 +98,6 @@ IFrame* makeMonochromeFrame(std::uint32_t code, std::int32_t width, std::int32_t
     const Maker maker = rows == 0 ? monoTable[variant].topDown : monoTable[variant].bottomUp;
     return maker == nullptr ? nullptr : maker(width, height);
 }
-
 
 // Every format once, with its members emitted here for hosts that name the classes directly.
 template class MonochromeVariant<std::uint8_t, MonoStorage::Unsigned8, false>;

@@ -16,9 +16,10 @@ namespace mono_detail {
 
 template <typename T>
 T byteSwapped(T value) {
-    using Bits = std::conditional_t<sizeof(T) == 1, std::uint8_t,
-                 std::conditional_t<sizeof(T) == 2, std::uint16_t,
-                 std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>>;
+    using Bits =
+        std::conditional_t<sizeof(T) == 1, std::uint8_t,
+                           std::conditional_t<sizeof(T) == 2, std::uint16_t,
+                                              std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>>;
     Bits bits;
     std::memcpy(&bits, &value, sizeof bits);
     if constexpr (sizeof(T) == 2) bits = __builtin_bswap16(bits);
@@ -113,7 +114,7 @@ void MonochromeVariant<Stored, Storage, BottomUp>::getDisplayRow(std::uint8_t* d
 
 template <typename Stored, MonoStorage Storage, bool BottomUp>
 void MonochromeVariant<Stored, Storage, BottomUp>::copyColumn(void* dest, std::int32_t column,
-                                                                    const std::uint8_t* src) const {
+                                                              const std::uint8_t* src) const {
     if (dest == nullptr || src == nullptr || column < 0 || column >= width || height <= 0) return;
     auto* out = static_cast<Stored*>(dest);
     const std::size_t w = static_cast<std::size_t>(width);
@@ -126,7 +127,7 @@ void MonochromeVariant<Stored, Storage, BottomUp>::copyColumn(void* dest, std::i
 
 template <typename Stored, MonoStorage Storage, bool BottomUp>
 void MonochromeVariant<Stored, Storage, BottomUp>::copyColumnBlock(void* destBase, std::int32_t* firstColumn,
-                                                                         const std::uint8_t* src) const {
+                                                                   const std::uint8_t* src) const {
     if constexpr (sizeof(Stored) == 1 && (Storage == MonoStorage::Unsigned8 || Storage == MonoStorage::Inverted8)) {
         if (destBase == nullptr || firstColumn == nullptr || src == nullptr) return;
         const std::int32_t c0 = *firstColumn;

@@ -32,12 +32,17 @@ inline std::uint16_t decode(const std::uint8_t* b, std::size_t c) {
         }
     } else if (c & 1) {
         // Second pixel of a group: b[0] is the group's third byte, b[-1] the shared byte.
-        if constexpr (P == Packing::Ten2in3) return static_cast<std::uint16_t>(b[0] << 2 | (b[-1] & 0x30) >> 4);
-        else return static_cast<std::uint16_t>(b[0] << 4 | (b[-1] & 0xF0) >> 4);
+        if constexpr (P == Packing::Ten2in3)
+            return static_cast<std::uint16_t>(b[0] << 2 | (b[-1] & 0x30) >> 4);
+        else
+            return static_cast<std::uint16_t>(b[0] << 4 | (b[-1] & 0xF0) >> 4);
     } else {
-        if constexpr (P == Packing::Ten2in3) return static_cast<std::uint16_t>(b[0] << 2 | (b[1] & 0x03));
-        else if constexpr (P == Packing::Twelve2in3) return static_cast<std::uint16_t>(b[0] << 4 | (b[1] & 0x0F));
-        else return static_cast<std::uint16_t>((b[1] & 0x0F) << 8 | b[0]);
+        if constexpr (P == Packing::Ten2in3)
+            return static_cast<std::uint16_t>(b[0] << 2 | (b[1] & 0x03));
+        else if constexpr (P == Packing::Twelve2in3)
+            return static_cast<std::uint16_t>(b[0] << 4 | (b[1] & 0x0F));
+        else
+            return static_cast<std::uint16_t>((b[1] & 0x0F) << 8 | b[0]);
     }
 }
 
@@ -63,16 +68,18 @@ __attribute__((target("ssse3"))) inline __m128i decodeEight(const std::uint8_t* 
         // field for even pixels, its field at bit 4 for odd ones.
         constexpr int low = P == Packing::Ten2in3 ? 2 : 4;
         constexpr short field = (1 << low) - 1;
-        const __m128i high = _mm_shuffle_epi8(bytes, _mm_setr_epi8(0, -1, 2, -1, 3, -1, 5, -1, 6, -1, 8, -1, 9, -1, 11, -1));
-        const __m128i shared = _mm_shuffle_epi8(bytes, _mm_setr_epi8(1, -1, 1, -1, 4, -1, 4, -1, 7, -1, 7, -1, 10, -1, 10, -1));
+        const __m128i high =
+            _mm_shuffle_epi8(bytes, _mm_setr_epi8(0, -1, 2, -1, 3, -1, 5, -1, 6, -1, 8, -1, 9, -1, 11, -1));
+        const __m128i shared =
+            _mm_shuffle_epi8(bytes, _mm_setr_epi8(1, -1, 1, -1, 4, -1, 4, -1, 7, -1, 7, -1, 10, -1, 10, -1));
         const __m128i evenField = _mm_setr_epi16(field, 0, field, 0, field, 0, field, 0);
         const __m128i oddField = _mm_setr_epi16(0, field, 0, field, 0, field, 0, field);
-        pixels = _mm_or_si128(_mm_slli_epi16(high, low),
-                              _mm_or_si128(_mm_and_si128(shared, evenField), _mm_and_si128(_mm_srli_epi16(shared, 4), oddField)));
+        pixels = _mm_or_si128(
+            _mm_slli_epi16(high, low),
+            _mm_or_si128(_mm_and_si128(shared, evenField), _mm_and_si128(_mm_srli_epi16(shared, 4), oddField)));
     }
     return pixels;
 }
-
 
 // Blocks of eight rows by eight pixels are decoded into registers, transposed there and stored
 // as eight column pieces; pixels and rows that do not fill a block are decoded one at a time.
@@ -117,31 +124,38 @@ LUMO_AVX512 __m512i decodeThirtyTwo(const std::uint8_t* row) {
     bytes = _mm512_inserti32x4(bytes, _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + 2 * groupBytes)), 2);
     bytes = _mm512_inserti32x4(bytes, _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + 3 * groupBytes)), 3);
     if constexpr (P == Packing::Ten4in5) {
-        const __m512i words = _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(0, 1, 1, 2, 2, 3, 3, 4, 5, 6, 6, 7, 7, 8, 8, 9)));
+        const __m512i words =
+            _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(0, 1, 1, 2, 2, 3, 3, 4, 5, 6, 6, 7, 7, 8, 8, 9)));
         return _mm512_srli_epi16(_mm512_mullo_epi16(words, everyPart(_mm_setr_epi16(64, 16, 4, 1, 64, 16, 4, 1))), 6);
     } else if constexpr (P == Packing::Twelve2in3LsbFirst) {
-        const __m512i words = _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(0, 1, 1, 2, 3, 4, 4, 5, 6, 7, 7, 8, 9, 10, 10, 11)));
+        const __m512i words =
+            _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(0, 1, 1, 2, 3, 4, 4, 5, 6, 7, 7, 8, 9, 10, 10, 11)));
         const __m512i evenMask = everyPart(_mm_setr_epi16(0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0));
         const __m512i oddMask = everyPart(_mm_setr_epi16(0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF));
-        return _mm512_or_si512(_mm512_and_si512(words, evenMask), _mm512_and_si512(_mm512_srli_epi16(words, 4), oddMask));
+        return _mm512_or_si512(_mm512_and_si512(words, evenMask),
+                               _mm512_and_si512(_mm512_srli_epi16(words, 4), oddMask));
     } else {
         constexpr int low = P == Packing::Ten2in3 ? 2 : 4;
         constexpr short field = (1 << low) - 1;
-        const __m512i high = _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(0, -1, 2, -1, 3, -1, 5, -1, 6, -1, 8, -1, 9, -1, 11, -1)));
-        const __m512i shared = _mm512_shuffle_epi8(bytes, everyPart(_mm_setr_epi8(1, -1, 1, -1, 4, -1, 4, -1, 7, -1, 7, -1, 10, -1, 10, -1)));
+        const __m512i high = _mm512_shuffle_epi8(
+            bytes, everyPart(_mm_setr_epi8(0, -1, 2, -1, 3, -1, 5, -1, 6, -1, 8, -1, 9, -1, 11, -1)));
+        const __m512i shared = _mm512_shuffle_epi8(
+            bytes, everyPart(_mm_setr_epi8(1, -1, 1, -1, 4, -1, 4, -1, 7, -1, 7, -1, 10, -1, 10, -1)));
         const __m512i evenField = everyPart(_mm_setr_epi16(field, 0, field, 0, field, 0, field, 0));
         const __m512i oddField = everyPart(_mm_setr_epi16(0, field, 0, field, 0, field, 0, field));
-        return _mm512_or_si512(_mm512_slli_epi16(high, low), _mm512_or_si512(_mm512_and_si512(shared, evenField),
-                                                                              _mm512_and_si512(_mm512_srli_epi16(shared, 4), oddField)));
+        return _mm512_or_si512(_mm512_slli_epi16(high, low),
+                               _mm512_or_si512(_mm512_and_si512(shared, evenField),
+                                               _mm512_and_si512(_mm512_srli_epi16(shared, 4), oddField)));
     }
 }
 
 // Blocks of eight rows by 32 pixels; what they leave goes to the 128-bit blocks.
 template <Packing P>
-__attribute__((target("avx512f,avx512bw"))) std::size_t unpackWidestBlocks(std::uint16_t* out, const std::uint8_t* buffer,
-                                                                           const std::uint8_t* end, std::size_t rowBytes,
-                                                                           std::size_t first, std::size_t width,
-                                                                           std::size_t height) {
+__attribute__((target("avx512f,avx512bw"))) std::size_t unpackWidestBlocks(std::uint16_t* out,
+                                                                           const std::uint8_t* buffer,
+                                                                           const std::uint8_t* end,
+                                                                           std::size_t rowBytes, std::size_t first,
+                                                                           std::size_t width, std::size_t height) {
     constexpr std::size_t groupBytes = P == Packing::Ten4in5 ? 10 : 12;
     const std::size_t decoded = first + width;
     const std::size_t fullRows = height / 8 * 8;
@@ -163,7 +177,9 @@ __attribute__((target("avx512f,avx512bw"))) std::size_t unpackWidestBlocks(std::
                 splitParts(v[k], parts);
                 for (std::size_t q = 0; q < 4; ++q) {
                     const std::size_t c = c0 + 8 * q + k;
-                    if (c >= first) _mm_storeu_si128(reinterpret_cast<__m128i*>(target + ((c - first) * height + r0) * 2), parts[q]);
+                    if (c >= first)
+                        _mm_storeu_si128(reinterpret_cast<__m128i*>(target + ((c - first) * height + r0) * 2),
+                                         parts[q]);
                 }
             }
         }
@@ -186,7 +202,8 @@ void unpack(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* 
 #if defined(__x86_64__)
     if (shuffleKernelsAvailable()) {
         // Columns [0, done) of the whole bands are decoded on 512-bit vectors where available.
-        const std::size_t done = widestKernelsAvailable() ? unpackWidestBlocks<P>(out, buffer, end, rowBytes, firstPixel, width, height) : 0;
+        const std::size_t done =
+            widestKernelsAvailable() ? unpackWidestBlocks<P>(out, buffer, end, rowBytes, firstPixel, width, height) : 0;
         unpackBlocks<P>(out, buffer, end, rowBytes, firstPixel, width, height, done);
         return;
     }
@@ -303,7 +320,9 @@ void PackedMonochromeFrame::getData(void** dest) {
     switch (packing) {
         case Packing::Ten2in3: unpack<Packing::Ten2in3>(out, buffer, end, rowBytes, first, w, h); break;
         case Packing::Twelve2in3: unpack<Packing::Twelve2in3>(out, buffer, end, rowBytes, first, w, h); break;
-        case Packing::Twelve2in3LsbFirst: unpack<Packing::Twelve2in3LsbFirst>(out, buffer, end, rowBytes, first, w, h); break;
+        case Packing::Twelve2in3LsbFirst:
+            unpack<Packing::Twelve2in3LsbFirst>(out, buffer, end, rowBytes, first, w, h);
+            break;
         case Packing::Ten4in5: unpack<Packing::Ten4in5>(out, buffer, end, rowBytes, first, w, h); break;
     }
 }
