@@ -108,7 +108,7 @@ std::uint8_t* YUVHybridFrame::copyRegionToBuffer(const std::uint8_t* src, std::u
         lumaStart = (3 * y) / 2 * sw + x - cp;
         resize = !(cp == 0 && (x + w) % 2 == 0 && (y % 2 == 1 || h % 2 == 0));
     } else {
-        chromaRows = y % 2 == 1 ? h / 2 + 1 : static_cast<std::int64_t>(std::ceil(h / 2.0));
+        chromaRows = y % 2 == 1 ? h / 2 + 1 : static_cast<std::int64_t>(std::ceil(static_cast<double>(h) / 2.0));
         rows = h + chromaRows;
         chromaStart = (y / 2 + srcHeight) * sw + x - cp;
         resize = true;
