@@ -1,7 +1,10 @@
+#include "frames/bayer/bayer_formats.h"
 #include "frames/mono/monochrome_factory.h"
 #include "lumoframekit/bayer_frame.h"
 #include "lumoframekit/color_frames.h"
 #include "lumoframekit/frame.h"
+
+#include <iterator>
 
 namespace lumoframekit {
 
@@ -13,21 +16,13 @@ bool monochromeRange(std::uint32_t code) {
     return code - 0x11010000u <= 0x117u || code - 0x1101001Bu <= 0x7u || code - 0x1101011Bu <= 0x7u;
 }
 
-// Bayer codes 0x06030000 + 4 * group + pattern index: the group fixes depth and packing, the
-// pattern index 0..3 names the alignments 0, 1, 2 and 4.
+// A Bayer code: its row of the group table fixes depth and packing, the pattern index the sensor
+// pattern.
 IFrame* makeBayerFrame(std::uint32_t code, std::int32_t width, std::int32_t height) {
-    struct Group {
-        std::uint32_t bits;
-        bool packed;
-        std::uint32_t variant;
-    };
-    static constexpr Group groups[9] = {{8, false, 0}, {10, false, 0}, {12, false, 0}, {14, false, 0}, {16, false, 0},
-                                        {10, true, 0}, {12, true, 0},  {10, true, 1},  {12, true, 1}};
-    static constexpr std::uint32_t alignments[4] = {0, 1, 2, 4};
-    const std::uint32_t index = code & 0xFFu;
-    const Group& group = groups[index / 4];
+    const std::uint32_t index = code - kFirstBayerCode;
+    const BayerGroup& group = kBayerGroups[index / std::size(kBayerPatterns)];
     return new BayerFrame(static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height), group.bits,
-                          alignments[index % 4], group.packed, group.variant);
+                          kBayerPatterns[index % std::size(kBayerPatterns)], group.packed, group.lsbFirst ? 1 : 0);
 }
 
 // The RGB and YUV families by family byte: subtype from bits 7..0, the bottom-up flag from bit 8
@@ -55,7 +50,7 @@ IFrame* frameFactory(frametypes::FRAMETYPE frameType, std::int32_t width, std::i
     IFrame* frame = nullptr;
     if (monochromeRange(code)) frame = makeMonochromeFrame(code, width, height);
     if (frame == nullptr) frame = makeColorFrame(code, width, height);
-    if (frame == nullptr && code - 0x06030000u <= 0x23u) frame = makeBayerFrame(code, width, height);
+    if (frame == nullptr && code - kFirstBayerCode < kBayerCodeCount) frame = makeBayerFrame(code, width, height);
     if (frame == nullptr) return nullptr;
     frame->setFrameType(code);
     return frame;

@@ -7,12 +7,11 @@
 
 #include "frames/core/transpose.h"
 #include "frames/core/vector_transpose.h"
+#include "frames/mono/packings.h"
 
 namespace lumoframekit {
 
 namespace {
-
-enum class Packing { Ten2in3, Twelve2in3, Twelve2in3LsbFirst, Ten4in5 };
 
 // The byte of pixel c within a row: c * bytesPerGroup / pixelsPerGroup, rounded down for the
 // 4-in-5 packing and up for the 2-in-3 packings (so an odd pixel lands on its group's third byte).
@@ -222,6 +221,14 @@ void unpack(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* 
     }
 }
 
+// The packing table's row for a frame's depth and variant; a depth with no packing throws.
+const PackingFacts& packingOf(std::int32_t bits, std::int32_t lsb) {
+    const PackingFacts* facts = findPacking(bits, lsb != 0);
+    if (facts == nullptr)
+        throw std::invalid_argument("PackedMonochromeFrame objects can only have 10 or 12 bits per band.");
+    return *facts;
+}
+
 // Wraps like the signed 32-bit arithmetic the sizes are defined in.
 std::int32_t wrap32(std::int64_t value) { return static_cast<std::int32_t>(static_cast<std::uint32_t>(value)); }
 
@@ -235,16 +242,14 @@ PackedMonochromeFrame::PackedMonochromeFrame(std::int32_t w, std::int32_t h, std
       leadPad(0),
       trailPad(0),
       lsbFirst(lsb != 0 ? 1 : 0),
-      bytesPerGroup(bits == 10 && lsb != 0 ? 5 : 3),
-      pixelsPerGroup(bits == 10 && lsb != 0 ? 4 : 2),
+      bytesPerGroup(packingOf(bits, lsb).bytesPerGroup),
+      pixelsPerGroup(packingOf(bits, lsb).pixelsPerGroup),
       dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 1} {
-    if (bits != 10 && bits != 12)
-        throw std::invalid_argument("PackedMonochromeFrame objects can only have 10 or 12 bits per band.");
     // The unpacking reads up to two bytes past a row's last group for some geometries.
     bufferSlack = 4;
 }
 
-std::int32_t PackedMonochromeFrame::padUnit() const { return pixelsPerGroup == 4 ? 3 : 1; }
+std::int32_t PackedMonochromeFrame::padUnit() const { return packingOf(bitsPerBand, lsbFirst).padUnit; }
 
 std::int64_t PackedMonochromeFrame::paddedWidth() const {
     return static_cast<std::int64_t>(width) + (leadPad ? padUnit() : 0) + (trailPad ? padUnit() : 0);
@@ -305,10 +310,7 @@ std::uint8_t* PackedMonochromeFrame::copyRegionToBuffer(const std::uint8_t* src,
 
 void PackedMonochromeFrame::getData(void** dest) {
     if (!isBufferAllocated() || dest == nullptr || dest[0] == nullptr || width < 1 || height < 1) return;
-    const Packing packing = pixelsPerGroup == 4 ? Packing::Ten4in5
-                            : bitsPerBand == 10 ? Packing::Ten2in3
-                            : lsbFirst          ? Packing::Twelve2in3LsbFirst
-                                                : Packing::Twelve2in3;
+    const Packing packing = packingOf(bitsPerBand, lsbFirst).packing;
     const std::size_t rowBytes = static_cast<std::size_t>(paddedWidth() * bytesPerGroup / pixelsPerGroup);
     const std::size_t first = leadPad;
     const std::size_t w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
