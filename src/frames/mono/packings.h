@@ -17,22 +17,14 @@ struct PackingFacts {
     std::int32_t padUnit;  // pixels a lead or trail pad adds to a row
 };
 
+// clang-format off
 inline constexpr PackingFacts kPackings[] = {
-    {.packing = Packing::Ten2in3, .bits = 10, .lsbFirst = false, .bytesPerGroup = 3, .pixelsPerGroup = 2, .padUnit = 1},
-    {.packing = Packing::Twelve2in3,
-     .bits = 12,
-     .lsbFirst = false,
-     .bytesPerGroup = 3,
-     .pixelsPerGroup = 2,
-     .padUnit = 1},
-    {.packing = Packing::Twelve2in3LsbFirst,
-     .bits = 12,
-     .lsbFirst = true,
-     .bytesPerGroup = 3,
-     .pixelsPerGroup = 2,
-     .padUnit = 1},
-    {.packing = Packing::Ten4in5, .bits = 10, .lsbFirst = true, .bytesPerGroup = 5, .pixelsPerGroup = 4, .padUnit = 3},
+    {.packing = Packing::Ten2in3,            .bits = 10, .lsbFirst = false, .bytesPerGroup = 3, .pixelsPerGroup = 2, .padUnit = 1},
+    {.packing = Packing::Twelve2in3,         .bits = 12, .lsbFirst = false, .bytesPerGroup = 3, .pixelsPerGroup = 2, .padUnit = 1},
+    {.packing = Packing::Twelve2in3LsbFirst, .bits = 12, .lsbFirst = true,  .bytesPerGroup = 3, .pixelsPerGroup = 2, .padUnit = 1},
+    {.packing = Packing::Ten4in5,            .bits = 10, .lsbFirst = true,  .bytesPerGroup = 5, .pixelsPerGroup = 4, .padUnit = 3},
 };
+// clang-format on
 
 // The packing of `bits` in variant lsbFirst, or null when there is none.
 constexpr const PackingFacts* findPacking(std::int32_t bits, bool lsbFirst) {
