@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "frames/color/tiling.h"
+#include "frames/core/format_table.h"
 #include "frames/core/planes.h"
 #include "lumoframekit/color_frames.h"
 
@@ -9,34 +10,47 @@ namespace lumoframekit {
 
 namespace {
 
-struct Rgb16Format {
-    std::int32_t bytesPerPixel;
-    std::int32_t bitsPerSample;
+// How a packed word becomes three samples.
+enum class Unpacker {
+    MaskShift16,      // a 16-bit word, each channel masked and shifted
+    MaskShift32,      // a 32-bit word, each channel masked and shifted
+    LowBitsOnTop,     // 8 high bits of each channel in a byte each, the 2 low bits of all three in the fourth
+    LowBitsAtBottom,  // the same with the low bits in the first byte
 };
 
-constexpr Rgb16Format rgb16Formats[9] = {{2, 8}, {2, 8}, {2, 8}, {4, 10}, {4, 10}, {4, 10}, {4, 10}, {4, 10}, {4, 10}};
-constexpr Rgb16Format noFormat = {0, 0};
-
-const Rgb16Format& formatOf(std::int32_t subtype) {
-    return subtype >= 0 && subtype < 9 ? rgb16Formats[subtype] : noFormat;
-}
-
-// Subtypes 0..6: each channel masked and shifted right; blue shifts left for a non-negative
-// shift and right by the magnitude of a negative one.
+// Each channel masked and shifted right; blue shifts left for a non-negative shift and right by
+// the magnitude of a negative one.
 struct MaskShift {
     std::uint32_t mask[3];
     std::int32_t shift[3];
 };
 
-constexpr MaskShift maskShifts[7] = {
-    {{0x7C00, 0x03E0, 0x001F}, {7, 2, 3}},
-    {{0xF800, 0x07E0, 0x001F}, {8, 3, 3}},
-    {{0x0F00, 0x00F0, 0x000F}, {4, 0, 4}},
-    {{0x3FF00000, 0x000FFC00, 0x000003FF}, {20, 10, 0}},
-    {{0x000003FF, 0x000FFC00, 0x3FF00000}, {0, 10, -20}},
-    {{0xFFC00000, 0x003FF000, 0x00000FFC}, {22, 12, -2}},
-    {{0x00000FFC, 0x003FF000, 0xFFC00000}, {2, 12, -22}},
+struct Rgb16Format {
+    std::int32_t bytesPerPixel;
+    std::int32_t bitsPerSample;
+    Unpacker unpacker;
+    MaskShift maskShift;
 };
+
+// clang-format off
+constexpr Rgb16Format rgb16Formats[] = {
+    {.bytesPerPixel = 2, .bitsPerSample = 8,  .unpacker = Unpacker::MaskShift16, .maskShift = {{0x7C00, 0x03E0, 0x001F}, {7, 2, 3}}},
+    {.bytesPerPixel = 2, .bitsPerSample = 8,  .unpacker = Unpacker::MaskShift16, .maskShift = {{0xF800, 0x07E0, 0x001F}, {8, 3, 3}}},
+    {.bytesPerPixel = 2, .bitsPerSample = 8,  .unpacker = Unpacker::MaskShift16, .maskShift = {{0x0F00, 0x00F0, 0x000F}, {4, 0, 4}}},
+    {.bytesPerPixel = 4, .bitsPerSample = 10, .unpacker = Unpacker::MaskShift32, .maskShift = {{0x3FF00000, 0x000FFC00, 0x000003FF}, {20, 10, 0}}},
+    {.bytesPerPixel = 4, .bitsPerSample = 10, .unpacker = Unpacker::MaskShift32, .maskShift = {{0x000003FF, 0x000FFC00, 0x3FF00000}, {0, 10, -20}}},
+    {.bytesPerPixel = 4, .bitsPerSample = 10, .unpacker = Unpacker::MaskShift32, .maskShift = {{0xFFC00000, 0x003FF000, 0x00000FFC}, {22, 12, -2}}},
+    {.bytesPerPixel = 4, .bitsPerSample = 10, .unpacker = Unpacker::MaskShift32, .maskShift = {{0x00000FFC, 0x003FF000, 0xFFC00000}, {2, 12, -22}}},
+    {.bytesPerPixel = 4, .bitsPerSample = 10, .unpacker = Unpacker::LowBitsOnTop, .maskShift = {}},
+    {.bytesPerPixel = 4, .bitsPerSample = 10, .unpacker = Unpacker::LowBitsAtBottom, .maskShift = {}},
+};
+// clang-format on
+constexpr Rgb16Format noFormat = {};
+
+const Rgb16Format& formatOf(std::int32_t subtype) {
+    const Rgb16Format* row = rowOf(rgb16Formats, subtype);
+    return row != nullptr ? *row : noFormat;
+}
 
 struct Unpacked {
     std::uint32_t r, g, b;
@@ -113,18 +127,22 @@ void RGB16Frame::getData(void** dest) {
     if (!out.valid) return;
     const Tiling tiling = colorTiling(width, height);
     const bool flip = bottomUp == 1;
-    if (subtype <= 2) {
-        const MaskShift& m = maskShifts[subtype];
-        unpackImage<std::uint16_t, std::uint8_t>(buffer, out.plane, width, height, flip, tiling,
-                                                 [&m](std::uint16_t p) { return byMaskShift(m, p); });
-    } else if (subtype <= 6) {
-        const MaskShift& m = maskShifts[subtype];
-        unpackImage<std::uint32_t, std::uint16_t>(buffer, out.plane, width, height, flip, tiling,
-                                                  [&m](std::uint32_t p) { return byMaskShift(m, p); });
-    } else if (subtype == 7) {
-        unpackImage<std::uint32_t, std::uint16_t>(buffer, out.plane, width, height, flip, tiling, lowBitsOnTop);
-    } else {
-        unpackImage<std::uint32_t, std::uint16_t>(buffer, out.plane, width, height, flip, tiling, lowBitsAtBottom);
+    const MaskShift& m = f.maskShift;
+    switch (f.unpacker) {
+        case Unpacker::MaskShift16:
+            unpackImage<std::uint16_t, std::uint8_t>(buffer, out.plane, width, height, flip, tiling,
+                                                     [&m](std::uint16_t p) { return byMaskShift(m, p); });
+            break;
+        case Unpacker::MaskShift32:
+            unpackImage<std::uint32_t, std::uint16_t>(buffer, out.plane, width, height, flip, tiling,
+                                                      [&m](std::uint32_t p) { return byMaskShift(m, p); });
+            break;
+        case Unpacker::LowBitsOnTop:
+            unpackImage<std::uint32_t, std::uint16_t>(buffer, out.plane, width, height, flip, tiling, lowBitsOnTop);
+            break;
+        case Unpacker::LowBitsAtBottom:
+            unpackImage<std::uint32_t, std::uint16_t>(buffer, out.plane, width, height, flip, tiling, lowBitsAtBottom);
+            break;
     }
 }
 

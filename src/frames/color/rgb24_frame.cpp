@@ -3,6 +3,7 @@
 
 #include "frames/color/pixel_gather.h"
 #include "frames/color/tiling.h"
+#include "frames/core/format_table.h"
 #include "frames/core/planes.h"
 #include "lumoframekit/color_frames.h"
 
@@ -19,23 +20,35 @@ struct Rgb24Format {
     std::uint8_t offsets[3][2];
 };
 
-constexpr Rgb24Format rgb24Formats[18] = {
-    {3, 8, 1, false, {{0, 0}, {1, 1}, {2, 2}}},  {3, 8, 1, false, {{2, 2}, {1, 1}, {0, 0}}},
-    {4, 8, 1, false, {{0, 0}, {1, 1}, {2, 2}}},  {4, 8, 1, false, {{2, 2}, {1, 1}, {0, 0}}},
-    {4, 8, 1, false, {{1, 1}, {2, 2}, {3, 3}}},  {4, 8, 1, false, {{3, 3}, {2, 2}, {1, 1}}},
-    {6, 16, 2, false, {{0, 1}, {2, 3}, {4, 5}}}, {6, 16, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
-    {6, 16, 2, false, {{1, 0}, {3, 2}, {5, 4}}}, {6, 16, 2, false, {{5, 4}, {3, 2}, {1, 0}}},
-    {6, 16, 2, true, {{0, 1}, {2, 3}, {4, 5}}},  {6, 16, 2, true, {{4, 5}, {2, 3}, {0, 1}}},
-    {6, 16, 2, true, {{1, 0}, {3, 2}, {5, 4}}},  {6, 16, 2, true, {{5, 4}, {3, 2}, {1, 0}}},
-    {6, 10, 2, false, {{0, 1}, {2, 3}, {4, 5}}}, {6, 10, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
-    {6, 12, 2, false, {{0, 1}, {2, 3}, {4, 5}}}, {6, 12, 2, false, {{4, 5}, {2, 3}, {0, 1}}},
+// clang-format off
+constexpr Rgb24Format rgb24Formats[] = {
+    {.bytesPerPixel = 3, .bitsPerSample =  8, .bytesPerSample = 1, .isSigned = false, .offsets = {{0, 0}, {1, 1}, {2, 2}}},
+    {.bytesPerPixel = 3, .bitsPerSample =  8, .bytesPerSample = 1, .isSigned = false, .offsets = {{2, 2}, {1, 1}, {0, 0}}},
+    {.bytesPerPixel = 4, .bitsPerSample =  8, .bytesPerSample = 1, .isSigned = false, .offsets = {{0, 0}, {1, 1}, {2, 2}}},
+    {.bytesPerPixel = 4, .bitsPerSample =  8, .bytesPerSample = 1, .isSigned = false, .offsets = {{2, 2}, {1, 1}, {0, 0}}},
+    {.bytesPerPixel = 4, .bitsPerSample =  8, .bytesPerSample = 1, .isSigned = false, .offsets = {{1, 1}, {2, 2}, {3, 3}}},
+    {.bytesPerPixel = 4, .bitsPerSample =  8, .bytesPerSample = 1, .isSigned = false, .offsets = {{3, 3}, {2, 2}, {1, 1}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 16, .bytesPerSample = 2, .isSigned = false, .offsets = {{0, 1}, {2, 3}, {4, 5}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 16, .bytesPerSample = 2, .isSigned = false, .offsets = {{4, 5}, {2, 3}, {0, 1}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 16, .bytesPerSample = 2, .isSigned = false, .offsets = {{1, 0}, {3, 2}, {5, 4}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 16, .bytesPerSample = 2, .isSigned = false, .offsets = {{5, 4}, {3, 2}, {1, 0}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 16, .bytesPerSample = 2, .isSigned = true,  .offsets = {{0, 1}, {2, 3}, {4, 5}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 16, .bytesPerSample = 2, .isSigned = true,  .offsets = {{4, 5}, {2, 3}, {0, 1}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 16, .bytesPerSample = 2, .isSigned = true,  .offsets = {{1, 0}, {3, 2}, {5, 4}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 16, .bytesPerSample = 2, .isSigned = true,  .offsets = {{5, 4}, {3, 2}, {1, 0}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 10, .bytesPerSample = 2, .isSigned = false, .offsets = {{0, 1}, {2, 3}, {4, 5}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 10, .bytesPerSample = 2, .isSigned = false, .offsets = {{4, 5}, {2, 3}, {0, 1}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 12, .bytesPerSample = 2, .isSigned = false, .offsets = {{0, 1}, {2, 3}, {4, 5}}},
+    {.bytesPerPixel = 6, .bitsPerSample = 12, .bytesPerSample = 2, .isSigned = false, .offsets = {{4, 5}, {2, 3}, {0, 1}}},
 };
+// clang-format on
 
 // Subtypes outside the table hold no pixels and convert nothing.
 constexpr Rgb24Format noFormat = {0, 0, 0, false, {}};
 
 const Rgb24Format& formatOf(std::int32_t subtype) {
-    return subtype >= 0 && subtype < 18 ? rgb24Formats[subtype] : noFormat;
+    const Rgb24Format* row = rowOf(rgb24Formats, subtype);
+    return row != nullptr ? *row : noFormat;
 }
 
 template <int SampleBytes>

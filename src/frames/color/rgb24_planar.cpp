@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "frames/color/tiling.h"
+#include "frames/core/format_table.h"
 #include "frames/core/planes.h"
 #include "lumoframekit/color_frames.h"
 
@@ -16,14 +17,24 @@ struct PlanarFormat {
     bool bigEndian;
 };
 
-constexpr PlanarFormat planarFormats[9] = {
-    {8, 1, false, false},  {16, 2, false, false}, {16, 2, false, true},  {16, 2, true, false}, {16, 2, true, true},
-    {10, 2, false, false}, {12, 2, false, false}, {14, 2, false, false}, {8, 1, true, false},
+// clang-format off
+constexpr PlanarFormat planarFormats[] = {
+    {.bitsPerSample = 8,  .bytesPerSample = 1, .isSigned = false, .bigEndian = false},
+    {.bitsPerSample = 16, .bytesPerSample = 2, .isSigned = false, .bigEndian = false},
+    {.bitsPerSample = 16, .bytesPerSample = 2, .isSigned = false, .bigEndian = true},
+    {.bitsPerSample = 16, .bytesPerSample = 2, .isSigned = true,  .bigEndian = false},
+    {.bitsPerSample = 16, .bytesPerSample = 2, .isSigned = true,  .bigEndian = true},
+    {.bitsPerSample = 10, .bytesPerSample = 2, .isSigned = false, .bigEndian = false},
+    {.bitsPerSample = 12, .bytesPerSample = 2, .isSigned = false, .bigEndian = false},
+    {.bitsPerSample = 14, .bytesPerSample = 2, .isSigned = false, .bigEndian = false},
+    {.bitsPerSample = 8,  .bytesPerSample = 1, .isSigned = true,  .bigEndian = false},
 };
-constexpr PlanarFormat noFormat = {0, 0, false, false};
+// clang-format on
+constexpr PlanarFormat noFormat = {};
 
 const PlanarFormat& formatOf(std::int32_t subtype) {
-    return subtype >= 0 && subtype < 9 ? planarFormats[subtype] : noFormat;
+    const PlanarFormat* row = rowOf(planarFormats, subtype);
+    return row != nullptr ? *row : noFormat;
 }
 
 // One row-major source plane into one column-major host plane; big-endian samples are swapped

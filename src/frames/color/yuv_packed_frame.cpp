@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "frames/color/pixel_gather.h"
+#include "frames/core/format_table.h"
 #include "frames/core/planes.h"
 #include "lumoframekit/color_frames.h"
 
@@ -19,19 +20,19 @@ struct PackedFormat {
     std::uint8_t y[8], u[8], v[8];
 };
 
-constexpr PackedFormat packedFormats[7] = {
-    {2, 4, {0, 2}, {1, 1}, {3, 3}},
-    {2, 4, {1, 3}, {0, 0}, {2, 2}},
-    {2, 4, {0, 2}, {3, 3}, {1, 1}},
-    {4, 6, {1, 2, 4, 5}, {0, 0, 0, 0}, {3, 3, 3, 3}},
-    {1, 3, {1}, {0}, {2}},
-    {8, 12, {1, 3, 5, 7, 8, 9, 10, 11}, {0, 0, 0, 0, 4, 4, 4, 4}, {2, 2, 2, 2, 6, 6, 6, 6}},
-    {1, 3, {2}, {0}, {1}},
+// clang-format off
+constexpr PackedFormat packedFormats[] = {
+    {.pixelsPerGroup = 2, .bytesPerGroup = 4,  .y = {0, 2},                     .u = {1, 1},                   .v = {3, 3}},
+    {.pixelsPerGroup = 2, .bytesPerGroup = 4,  .y = {1, 3},                     .u = {0, 0},                   .v = {2, 2}},
+    {.pixelsPerGroup = 2, .bytesPerGroup = 4,  .y = {0, 2},                     .u = {3, 3},                   .v = {1, 1}},
+    {.pixelsPerGroup = 4, .bytesPerGroup = 6,  .y = {1, 2, 4, 5},               .u = {0, 0, 0, 0},             .v = {3, 3, 3, 3}},
+    {.pixelsPerGroup = 1, .bytesPerGroup = 3,  .y = {1},                        .u = {0},                      .v = {2}},
+    {.pixelsPerGroup = 8, .bytesPerGroup = 12, .y = {1, 3, 5, 7, 8, 9, 10, 11}, .u = {0, 0, 0, 0, 4, 4, 4, 4}, .v = {2, 2, 2, 2, 6, 6, 6, 6}},
+    {.pixelsPerGroup = 1, .bytesPerGroup = 3,  .y = {2},                        .u = {0},                      .v = {1}},
 };
+// clang-format on
 
-const PackedFormat* formatOf(std::int32_t subtype) {
-    return subtype >= 0 && subtype < 7 ? &packedFormats[subtype] : nullptr;
-}
+const PackedFormat* formatOf(std::int32_t subtype) { return rowOf(packedFormats, subtype); }
 
 std::int32_t groupsFor(std::int64_t pixels, std::int32_t pixelsPerGroup) {
     return static_cast<std::int32_t>(std::ceil(static_cast<double>(pixels) / pixelsPerGroup));

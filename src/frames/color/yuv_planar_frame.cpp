@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "frames/core/format_table.h"
 #include "frames/core/planes.h"
 #include "lumoframekit/color_frames.h"
 
@@ -16,11 +17,13 @@ struct PlanarYuvFormat {
     PlaneId order[3];
 };
 
-constexpr PlanarYuvFormat planarYuvFormats[3] = {{4, {Y, V, U}}, {2, {Y, V, U}}, {2, {Y, U, V}}};
+constexpr PlanarYuvFormat planarYuvFormats[] = {
+    {.factor = 4, .order = {Y, V, U}},
+    {.factor = 2, .order = {Y, V, U}},
+    {.factor = 2, .order = {Y, U, V}},
+};
 
-const PlanarYuvFormat* formatOf(std::int32_t subtype) {
-    return subtype >= 0 && subtype < 3 ? &planarYuvFormats[subtype] : nullptr;
-}
+const PlanarYuvFormat* formatOf(std::int32_t subtype) { return rowOf(planarYuvFormats, subtype); }
 
 std::int32_t roundedUp(std::int32_t value, std::int32_t factor) {
     return value <= 0 ? value
