@@ -60,7 +60,8 @@ public:
 
     // Raw buffer: allocated on demand, counted against the frame's memory limiter if it has one.
     // Under a limiter a refused or failed allocation gives null; without one std::bad_alloc
-    // reaches the caller. allocateBuffer returns a buffer of at least getBufferSize() bytes or
+    // reaches the caller. A size above 1 TiB (huge or wrapped dimensions) counts as failed
+    // without the allocator being asked. allocateBuffer returns a buffer of at least getBufferSize() bytes or
     // null: a buffer kept from before a region copy that made the size grow is replaced (under
     // the limiter). A frame credits its limiter exactly what it charged, to the limiter it
     // charged, whatever is set later; the limiter must outlive the buffer.

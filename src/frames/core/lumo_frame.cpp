@@ -25,13 +25,6 @@ std::uint64_t wrappedBufferSize(std::int32_t width, std::int32_t height, std::in
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(product)));
 }
 
-// Array allocation of a raw buffer. Sizes beyond what an object may span (a wrapped, sign-extended
-// size among them) are refused the way the allocator refuses them, before reaching it.
-std::uint8_t* newBytes(std::uint64_t size) {
-    if (size > static_cast<std::uint64_t>(PTRDIFF_MAX)) throw std::bad_array_new_length();
-    return new std::uint8_t[size];
-}
-
 // Names are copied into std::string keys; a null name is refused the way std::string refuses it.
 std::string keyOf(const char* name) {
     if (name == nullptr) throw std::logic_error("basic_string: construction from null is not valid");
@@ -147,8 +140,11 @@ void LUMOFrame::allocateFrameBuffer() {
 }
 
 void LUMOFrame::takeBuffer(std::uint64_t size) {
-    if (size > static_cast<std::uint64_t>(PTRDIFF_MAX) - bufferSlack) throw std::bad_array_new_length();
-    buffer = newBytes(size + bufferSlack);
+    // No frame buffer reaches a terabyte: larger sizes (from huge dimensions, or a wrapped,
+    // sign-extended size) are refused as lack of memory without asking the allocator for them.
+    constexpr std::uint64_t largestBuffer = std::uint64_t{1} << 40;
+    if (size > largestBuffer) throw std::bad_alloc();
+    buffer = new std::uint8_t[size + bufferSlack];
     allocatedSize = size;
     std::memset(buffer + size, 0, bufferSlack);
 }
