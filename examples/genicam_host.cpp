@@ -93,7 +93,13 @@ std::string take(GError*& error) {
 }  // namespace
 
 std::unique_ptr<Camera> Camera::open(const std::string& id, bool simulated, std::string& error) {
-    if (simulated) arv_enable_interface("Fake");
+    // The simulated camera alone: the other interfaces, which look for cameras on the network
+    // and the bus, stay out of it.
+    if (simulated) {
+        arv_enable_interface("Fake");
+        for (unsigned i = 0; i < arv_get_n_interfaces(); ++i)
+            if (std::strcmp(arv_get_interface_id(i), "Fake") != 0) arv_disable_interface(arv_get_interface_id(i));
+    }
     arv_update_device_list();
     std::string wanted = id;
     if (wanted.empty()) {

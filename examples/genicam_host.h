@@ -85,9 +85,9 @@ public:
         std::string name;
         std::uint32_t value;
     };
-    // The camera of that device id, or the first one found when id is empty; simulated makes
-    // the stack's built-in simulated camera available (device id "Fake_1"). Null with a message
-    // when there is none.
+    // The camera of that device id, or the first one found when id is empty; simulated offers
+    // the stack's built-in simulated camera alone (device id "Fake_1"), without looking on the
+    // network or the bus. Null with a message when there is none.
     static std::unique_ptr<Camera> open(const std::string& id, bool simulated, std::string& error);
     ~Camera();
 
