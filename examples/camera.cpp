@@ -105,15 +105,10 @@ int main(int argc, char** argv) {
     if (o.list) {
         for (const Camera::Format& f : camera->pixelFormats()) {
             const auto code = lumoframekit::frameTypeFromPixelFormat(f.value);
-            std::printf("%-20s 0x%08X  %s\n", f.name.c_str(), f.value,
-                        code != 0 ? ("frame type 0x" +
-                                     [&] {
-                                         char t[9];
-                                         std::snprintf(t, 9, "%08X", static_cast<unsigned>(code));
-                                         return std::string(t);
-                                     }())
-                                        .c_str()
-                                  : "no frame type reproduces it");
+            if (code != 0)
+                std::printf("%-20s 0x%08X  frame type 0x%08X\n", f.name.c_str(), f.value, static_cast<unsigned>(code));
+            else
+                std::printf("%-20s 0x%08X  no frame type reproduces it\n", f.name.c_str(), f.value);
         }
         return 0;
     }
@@ -177,14 +172,11 @@ int main(int argc, char** argv) {
                     std::ceil(static_cast<double>((1 + sink->maxFree()) * frameBytes) / 1048.576) / 1000.0,
                     static_cast<unsigned long long>(sink->maxFree()));
     if (unknown > 0) {
-        const char* name = nullptr;
+        std::string name = "an unlisted format";
         for (const Camera::Format& f : camera->pixelFormats())
-            if (f.value == unknownFormat)
-                name = f.name.c_str(),
-                std::printf("%d buffers of pixel format %s (0x%08X): no frame type reproduces it\n", unknown, name,
-                            unknownFormat);
-        if (name == nullptr)
-            std::printf("%d buffers of pixel format 0x%08X: no frame type reproduces it\n", unknown, unknownFormat);
+            if (f.value == unknownFormat) name = f.name;
+        std::printf("%d buffers of pixel format %s (0x%08X): no frame type reproduces it\n", unknown, name.c_str(),
+                    unknownFormat);
     }
     if (!ok) std::fprintf(stderr, "camera: %s\n", error.c_str());
     if (last.data() == nullptr) {

@@ -10,6 +10,10 @@
 
 #include <lumoframekit/lumoframekit.h>
 
+namespace {
+const int kElementBytes[8] = {1, 1, 2, 2, 4, 4, 4, 8};
+}  // namespace
+
 int main(int argc, char** argv) {
     using namespace lumoframekit;
     if (argc != 6 && argc != 9) return 2;
@@ -22,8 +26,7 @@ int main(int argc, char** argv) {
     std::ofstream out(argv[5], std::ios::binary);
     if (argc == 6) {
         const FrameDims d = *frame->getDimensions();
-        static const int sizes[8] = {1, 1, 2, 2, 4, 4, 4, 8};
-        std::vector<char> planes(std::size_t{d.width} * d.height * d.bands * sizes[frame->getDataType() & 7]);
+        std::vector<char> planes(std::size_t{d.width} * d.height * d.bands * kElementBytes[frame->getDataType() & 7]);
         void* dest[] = {planes.data(), nullptr};
         frame->getData(dest);
         out.write(planes.data(), static_cast<std::streamsize>(planes.size()));
@@ -36,8 +39,7 @@ int main(int argc, char** argv) {
     frame->getDataInColorSpace(&result, &dims, static_cast<std::uint32_t>(std::atoi(argv[6])),
                                type >= 0 ? &type : nullptr, static_cast<std::uint32_t>(std::atoi(argv[8])), &allocator);
     if (result == nullptr) return 4;
-    static const int sizes[8] = {1, 1, 2, 2, 4, 4, 4, 8};
-    const int element = sizes[(type >= 0 ? type : frame->getDataType()) & 7];
+    const int element = kElementBytes[(type >= 0 ? type : frame->getDataType()) & 7];
     out.write(static_cast<const char*>(result),
               static_cast<std::streamsize>(std::size_t{dims.width} * dims.height * dims.bands * element));
     allocator.release(result);
