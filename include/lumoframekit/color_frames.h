@@ -118,10 +118,10 @@ private:
     FrameDims dims;
     std::int32_t width;
     std::int32_t height;
-    std::int32_t groupsPerRow;
-    std::int32_t rowStride;
-    std::int32_t startPhase;  // position within the first group of each row's first pixel
-    std::int32_t tailPad;     // pixels of the last group past the width
+    std::int32_t groupsPerRow = 0;
+    std::int32_t rowStride = 0;
+    std::int32_t startPhase = 0;  // position within the first group of each row's first pixel
+    std::int32_t tailPad = 0;     // pixels of the last group past the width
 };
 
 // Planar YUV with 2 x 2 or 4 x 4 chroma subsampling, planes Y, V, U or Y, U, V; planes padded to
@@ -143,10 +143,10 @@ private:
     FrameDims dims;
     std::int32_t width;
     std::int32_t height;
-    std::int32_t paddedWidth;
-    std::int32_t paddedHeight;
-    std::int64_t lumaSize;
-    std::int64_t chromaSize;
+    std::int32_t paddedWidth = 0;
+    std::int32_t paddedHeight = 0;
+    std::int64_t lumaSize = 0;
+    std::int64_t chromaSize = 0;
 };
 
 // YUV 4:2:0 with U and V interleaved: subtype 0 line-interleaved (two luma rows, then a row of
@@ -176,8 +176,8 @@ private:
     std::int32_t height;
     std::int32_t rowStride;
     std::int32_t storedRows;
-    std::int32_t columnPhase;
-    std::int32_t rowPhase;
+    std::int32_t columnPhase = 0;
+    std::int32_t rowPhase = 0;
 };
 
 }  // namespace lumoframekit

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "frames/bayer/bayer_util.h"
-#include "frames/core/transpose.h"
+#include "vector_widths.h"
 
 using namespace lumoframekit;
 
@@ -102,8 +102,7 @@ std::vector<T> run(const std::vector<T>& mosaic, int width, int height, std::uin
 // short tails, or both.
 TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
     std::mt19937 rng(5);
-    for (int kernels : {512, 256, 128, 0}) {
-        limitVectorWidth(kernels);
+    forEachVectorWidth([&](int kernels) {
         for (std::uint32_t bits : {8u, 10u, 12u, 14u, 16u}) {
             for (auto [w, h] : {std::pair{3, 3}, {4, 4}, {5, 3}, {3, 6}, {8, 7}, {17, 12}, {70, 67}, {37, 130}}) {
                 for (std::uint32_t alignment : {0u, 1u, 2u, 4u}) {
@@ -129,8 +128,7 @@ TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
                 }
             }
         }
-    }
-    limitVectorWidth(512);
+    });
 }
 
 // Tasks on the calling thread write the host planes in place, the others write planes that are

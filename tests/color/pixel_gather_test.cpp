@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "frames/color/pixel_gather.h"
-#include "frames/core/transpose.h"
+#include "vector_widths.h"
 
 using namespace lumoframekit;
 
@@ -55,8 +55,7 @@ PixelBlock blockOf(const Layout& layout) {
 // sample by sample.
 TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
     std::mt19937 rng(3);
-    for (int bits : {512, 256, 128, 0}) {
-        limitVectorWidth(bits);
+    forEachVectorWidth([&](int bits) {
         for (const Layout& layout : layouts)
             for (auto [width, height] :
                  {std::pair<std::size_t, std::size_t>{64, 48}, {70, 37}, {33, 16}, {5, 3}, {96, 17}})
@@ -85,6 +84,5 @@ TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
                     EXPECT_EQ(out, expected) << layout.name << " " << width << "x" << height << (flip ? " flipped" : "")
                                              << " vectors up to " << bits << " bits";
                 }
-    }
-    limitVectorWidth(512);
+    });
 }

@@ -14,13 +14,11 @@
 #include <sanitizer/tsan_interface.h>
 #endif
 
-#include "frames/bayer/bayer_padded.h"
-#include "frames/bayer/bayer_sites.h"
-#include "frames/core/transpose.h"
-#include "frames/core/vector_transpose.h"
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
-// The vector helpers pass 32-byte vectors by value; they are always inlined, so no call ever does.
-#pragma GCC diagnostic ignored "-Wpsabi"
+#include "frames/bayer/bayer_padded.h"
 
 namespace lumoframekit {
 namespace BayerUtil {
@@ -28,14 +26,20 @@ namespace BayerUtil {
 namespace {
 
 // The task scheduler hands tasks over inside its own library, where ThreadSanitizer cannot see
-// the synchronisation; these make the hand-over and the completion visible to it.
-inline void handOver(const void* token) {
+// the synchronisation; these make the hand-over (a release) and the completion (an acquire)
+// visible to it.
+inline void synchronise(const void* token, bool release) {
 #if defined(__SANITIZE_THREAD__)
-    __tsan_release(const_cast<void*>(token));
+    if (release)
+        __tsan_release(const_cast<void*>(token));
+    else
+        __tsan_acquire(const_cast<void*>(token));
 #else
-    (void)token;
+    (void)token, (void)release;
 #endif
 }
+inline void handOver(const void* token) { synchronise(token, true); }
+inline void takeOver(const void* token) { synchronise(token, false); }
 #if defined(__SANITIZE_THREAD__)
 extern "C" void AnnotateIgnoreReadsBegin(const char* file, int line);
 extern "C" void AnnotateIgnoreReadsEnd(const char* file, int line);
@@ -50,13 +54,6 @@ Object unseenCopy(const Object& object) {
     return copy;
 #else
     return object;
-#endif
-}
-inline void takeOver(const void* token) {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_acquire(const_cast<void*>(token));
-#else
-    (void)token;
 #endif
 }
 
@@ -88,7 +85,7 @@ void BayerTBBTask<T>::run() const {
         else
             std::this_thread::yield();
     }
-    if (state == PaddedGate::written) runSiteTask(*this);
+    if (state == PaddedGate::written) kernels->sites(*this);
     handOver(padded.even);
 }
 
@@ -103,8 +100,8 @@ struct Site {
 // two tasks that share a column are then interleaved into the host planes. Tasks thus never
 // write the same cache lines.
 template <typename T>
-void interleave(const T* evenRows, const T* oddRows, T* out, std::uint64_t height) {
-    interleavePairs(evenRows, oddRows, out, height / 2);
+void interleave(const SampleKernels<T>& k, const T* evenRows, const T* oddRows, T* out, std::uint64_t height) {
+    k.interleave(evenRows, oddRows, out, height / 2);
     if (height % 2 == 1) out[height - 1] = evenRows[height / 2];
 }
 
@@ -160,7 +157,8 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // Tasks on this thread may write the host planes in place where the 512-bit kernels run, for
     // 8-bit samples. With 16-bit ones the host planes are twice the size and the in-place writes,
     // which reach each of their lines twice, cost more than the planes they save.
-    const bool inPlace = sizeof(T) == 1 && widestKernelsAvailable();
+    const SampleKernels<T>& k = kernels().of<T>();
+    const bool inPlace = sizeof(T) == 1 && k.mergeRows != nullptr;
     bool wroteInPlace[4] = {false, false, false, false};
     // The wait is isolated: while it waits, this thread runs only these four tasks, never another
     // of the host's own tasks, which could start a demosaic of its own on this thread.
@@ -187,7 +185,8 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
                                        site.kind,
                                        &gate,
                                        {inPlace ? red : nullptr, inPlace ? green : nullptr, inPlace ? blue : nullptr},
-                                       &wroteInPlace[t]};
+                                       &wroteInPlace[t],
+                                       &k};
             handOver(padded.even);
             group.run(task);
         }
@@ -209,15 +208,13 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
             // Both rows interleaved, or those of one task between the rows written in place.
             const bool written[2] = {wroteInPlace[parity], wroteInPlace[2 + parity]};
             if (!written[0] && !written[1]) {
-                interleave(rows[0], rows[1], out[plane] + x * height, height);
+                interleave(k, rows[0], rows[1], out[plane] + x * height, height);
                 continue;
             }
-#if defined(__x86_64__)
             const std::uint64_t sitesOf[2] = {evenSites, oddSites};
             for (int rowParity = 0; rowParity < 2; ++rowParity)
                 if (!written[rowParity])
-                    mergeRows(rows[rowParity], out[plane] + x * height, sitesOf[rowParity], rowParity == 1);
-#endif
+                    k.mergeRows(rows[rowParity], out[plane] + x * height, sitesOf[rowParity], rowParity == 1);
         }
 }
 

@@ -4,6 +4,8 @@
 #include <thread>
 #include <utility>
 
+#include "frames/kernels/kernels.h"
+
 namespace lumoframekit {
 namespace BayerUtil {
 
@@ -18,6 +20,12 @@ enum BayerSiteKind : std::uint32_t {
     Red = 2,             // red; blue on the diagonals
     Blue = 3,            // blue; red on the diagonals
 };
+
+// Where a task's two computed values go: the planes of the first (horizontal chroma at green
+// sites, green at red and blue ones) and of the second (vertical chroma; the diagonal chroma). A
+// site's own sample is not stored by its task: the planes take it from the padded copy.
+constexpr int planeOfFirst(BayerSiteKind kind) { return kind == GreenOnRedRow ? 0 : kind == GreenOnBlueRow ? 2 : 1; }
+constexpr int planeOfSecond(BayerSiteKind kind) { return kind == GreenOnRedRow || kind == Red ? 2 : 0; }
 
 // The mosaic padded by two reflected samples on every side, each padded column split by row
 // parity: even[p * stride + k] is padded row 2k of padded column p, odd[p * stride + k] row 2k + 1.
@@ -57,6 +65,7 @@ struct BayerTBBTask {
     // says so in wroteInPlace.
     T* hostPlanes[3];
     bool* wroteInPlace;
+    const SampleKernels<T>* kernels;  // the table the whole demosaic uses
 
     void operator()() const;
     void run() const;

@@ -172,18 +172,15 @@ void LUMOFrame::deliverInColorSpace(IFrame& source, const LUMOFrame& holder, std
         }
         data.swap(rgb);
         bands = 3;
-    } else if (from == COLORSPACE_YUV && (requested & COLORSPACE_MONO)) {
+    } else if ((from == COLORSPACE_YUV || from == COLORSPACE_RGB) && (requested & COLORSPACE_MONO)) {
+        // Luma: the Y plane as it is, or computed from RGB.
         if (!bytes) return;
         HostArray luma(host, n);
         if (luma.get() == nullptr) return;
-        std::memcpy(luma.get(), samples, n);
-        data.swap(luma);
-        bands = 1;
-    } else if (from == COLORSPACE_RGB && (requested & COLORSPACE_MONO)) {
-        if (!bytes) return;
-        HostArray luma(host, n);
-        if (luma.get() == nullptr) return;
-        rgbToLuma(samples, static_cast<std::uint8_t*>(luma.get()), n);
+        if (from == COLORSPACE_YUV)
+            std::memcpy(luma.get(), samples, n);
+        else
+            rgbToLuma(samples, static_cast<std::uint8_t*>(luma.get()), n);
         data.swap(luma);
         bands = 1;
     } else {

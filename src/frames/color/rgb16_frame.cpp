@@ -148,9 +148,10 @@ void RGB16Frame::getData(void** dest) {
 
 std::uint8_t* RGB16Frame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,
                                              std::uint32_t xOffset, std::uint32_t yOffset) {
-    const std::int32_t bytesPerPixel = formatOf(subtype).bytesPerPixel;
-    if (bytesPerPixel == 0) return nullptr;
-    return copyRowRegion(src, srcWidth, srcHeight, xOffset, yOffset, width, height, bytesPerPixel, bottomUp == 1);
+    const std::int32_t pixelBytes = formatOf(subtype).bytesPerPixel;
+    return pixelBytes == 0
+               ? nullptr
+               : copyRowRegion(src, srcWidth, srcHeight, xOffset, yOffset, width, height, pixelBytes, bottomUp == 1);
 }
 
 }  // namespace lumoframekit

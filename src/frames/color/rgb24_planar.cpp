@@ -69,9 +69,7 @@ std::int32_t RGB24Planar::getDataType() const {
     return f.isSigned ? DATATYPE_INT8 : DATATYPE_UINT8;
 }
 
-std::int64_t RGB24Planar::getAlignedSize() const {
-    return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
-}
+std::int64_t RGB24Planar::getAlignedSize() const { return alignedPixelRows(width, height); }
 
 std::uint32_t RGB24Planar::getBitsPerBand() const {
     return static_cast<std::uint32_t>(formatOf(subtype).bitsPerSample);

@@ -18,16 +18,9 @@ std::int64_t oddCount(std::int64_t first, std::int64_t count) {
 }  // namespace
 
 YUVHybridFrame::YUVHybridFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
-    : LUMOFrame(w, h, 0, COLORSPACE_YUV),
-      subtype(sub),
-      dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3},
-      width(w),
-      height(h),
-      rowStride(w),
-      storedRows(h),
-      columnPhase(0),
-      rowPhase(0) {
+    : LUMOFrame(w, h, 0, COLORSPACE_YUV), subtype(sub), width(w), height(h), rowStride(w), storedRows(h) {
     bufferSize = naturalSize();
+    dims = {static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3};
 }
 
 std::uint64_t YUVHybridFrame::naturalSize() const {
@@ -36,9 +29,7 @@ std::uint64_t YUVHybridFrame::naturalSize() const {
 }
 
 std::int32_t YUVHybridFrame::getDataType() const { return DATATYPE_UINT8; }
-std::int64_t YUVHybridFrame::getAlignedSize() const {
-    return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
-}
+std::int64_t YUVHybridFrame::getAlignedSize() const { return alignedPixelRows(width, height); }
 std::uint32_t YUVHybridFrame::getBitsPerBand() const { return 8; }
 const FrameDims* YUVHybridFrame::getDimensions() const { return &dims; }
 

@@ -65,16 +65,9 @@ std::vector<PixelSource> rowLayout(const PackedFormat& f, std::int32_t width, st
 }  // namespace
 
 YUVPackedFrame::YUVPackedFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
-    : LUMOFrame(w, h, 0, COLORSPACE_YUV),
-      subtype(sub),
-      dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3},
-      width(w),
-      height(h),
-      groupsPerRow(0),
-      rowStride(0),
-      startPhase(0),
-      tailPad(0) {
+    : LUMOFrame(w, h, 0, COLORSPACE_YUV), subtype(sub), width(w), height(h) {
     if (const PackedFormat* f = formatOf(sub)) layOutRows(groupsFor(w, f->pixelsPerGroup));
+    dims = {static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3};
 }
 
 void YUVPackedFrame::layOutRows(std::int32_t groups) {
@@ -88,9 +81,7 @@ void YUVPackedFrame::layOutRows(std::int32_t groups) {
 }
 
 std::int32_t YUVPackedFrame::getDataType() const { return DATATYPE_UINT8; }
-std::int64_t YUVPackedFrame::getAlignedSize() const {
-    return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
-}
+std::int64_t YUVPackedFrame::getAlignedSize() const { return alignedPixelRows(width, height); }
 std::uint32_t YUVPackedFrame::getBitsPerBand() const { return 8; }
 const FrameDims* YUVPackedFrame::getDimensions() const { return &dims; }
 

@@ -48,15 +48,7 @@ PlaneOffsets offsetsOf(const PlanarYuvFormat& f, std::int64_t luma, std::int64_t
 }  // namespace
 
 YUVPlanarFrame::YUVPlanarFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
-    : LUMOFrame(w, h, 0, COLORSPACE_YUV),
-      subtype(sub),
-      dims{static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3},
-      width(w),
-      height(h),
-      paddedWidth(0),
-      paddedHeight(0),
-      lumaSize(0),
-      chromaSize(0) {
+    : LUMOFrame(w, h, 0, COLORSPACE_YUV), subtype(sub), width(w), height(h) {
     // Negative dimensions hold no pixels.
     const PlanarYuvFormat* f = formatOf(sub);
     bufferSize = 0;
@@ -69,12 +61,11 @@ YUVPlanarFrame::YUVPlanarFrame(std::int32_t w, std::int32_t h, std::int32_t sub)
                                       static_cast<std::uint64_t>(f->factor));
         bufferSize = static_cast<std::uint64_t>(lumaSize + 2 * chromaSize);
     }
+    dims = {static_cast<std::uint32_t>(w), static_cast<std::uint32_t>(h), 3};
 }
 
 std::int32_t YUVPlanarFrame::getDataType() const { return DATATYPE_UINT8; }
-std::int64_t YUVPlanarFrame::getAlignedSize() const {
-    return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
-}
+std::int64_t YUVPlanarFrame::getAlignedSize() const { return alignedPixelRows(width, height); }
 std::uint32_t YUVPlanarFrame::getBitsPerBand() const { return 8; }
 const FrameDims* YUVPlanarFrame::getDimensions() const { return &dims; }
 

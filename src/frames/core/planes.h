@@ -43,4 +43,9 @@ inline std::int64_t alignedRows(std::int64_t rowBytes, std::int64_t rows) {
     return static_cast<std::int32_t>(padded * static_cast<std::uint32_t>(rows));
 }
 
+// Rows of three bytes per pixel, padded as above.
+inline std::int64_t alignedPixelRows(std::int32_t width, std::int32_t height) {
+    return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
+}
+
 }  // namespace lumoframekit

@@ -16,17 +16,9 @@ void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uin
                       std::size_t rows, std::size_t cols, bool flipRows, SampleOp op);
 
 // The widest vectors the kernels may use, in bits: 512 (the default, or LUMO_VECTOR_BITS from the
-// environment) lets each kernel use the widest the processor has; tests lower it to check the
-// narrower kernels, and 0 the portable loops, against the same references.
-void limitVectorWidth(int bits);
-
-// Whether the vector kernels run: 128-bit ones at least, or the portable loops.
-bool vectorKernelsEnabled();
-// Whether the byte-shuffle kernels may run: allowed, and the processor has SSSE3.
-bool shuffleKernelsAvailable();
-// Whether the 256-bit kernels may run: allowed, and the processor has AVX2.
-bool wideKernelsAvailable();
-// Whether the 512-bit kernels may run: allowed, and the processor has AVX-512 BW.
-bool widestKernelsAvailable();
+// environment) lets the kernels use the widest the processor has; tests lower it to check the
+// narrower kernels, and 0 the portable build, against the same references. Returns the width of
+// the kernels now in use, which is lower where the processor lacks the width asked for.
+int limitVectorWidth(int bits);
 
 }  // namespace lumoframekit

@@ -1,0 +1,206 @@
+// Splitting interleaved 8-bit pixels (RGB with or without a pad byte, packed YUV) into three
+// column-major planes.
+#if defined(LUMO_KERNELS_GATHER_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef LUMO_KERNELS_GATHER_INL_H_
+#undef LUMO_KERNELS_GATHER_INL_H_
+#else
+#define LUMO_KERNELS_GATHER_INL_H_
+#endif
+
+#include <hwy/highway.h>
+
+#include <utility>
+#include <vector>
+
+#include "frames/color/pixel_gather.h"
+#include "frames/kernels/transpose-inl.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace lumoframekit {
+namespace HWY_NAMESPACE {
+
+// Blocks of 16 rows by one vector of pixels: the block's bytes are transposed as if they were a
+// monochrome image, so that each transposed vector holds one byte position of the 16 rows. Each
+// 16-byte piece of it is one sample of one pixel down the 16 rows: a column piece of its plane,
+// ready to store (a chroma sample shared by several pixels is stored to each of their columns).
+// Strips of at least 64 pixels are walked down the whole image, so the columns' cache lines fill
+// while they are still cached.
+
+// The transposed block is kept as [vector][element][block]: the 16-byte blocks of a row that one
+// vector holds stay apart through the transpose.
+inline void transposeBlock(const std::uint8_t* const rows[16], std::size_t at, std::size_t vectors,
+                           std::uint8_t* block) {
+    const Bytes d;
+    const std::size_t lanes = hn::Lanes(d);
+    for (std::size_t k = 0; k < vectors; ++k) {
+        hn::VFromD<Bytes> v[16];
+        for (std::size_t i = 0; i < 16; ++i) v[i] = hn::LoadU(d, rows[i] + at + lanes * k);
+        transposeVectors<1>(d, v);
+        for (std::size_t e = 0; e < 16; ++e) hn::Store(v[e], d, block + (16 * k + e) * lanes);
+    }
+}
+
+// Layouts made of repeating groups of G bytes holding P pixels are stored straight from the
+// registers: every piece's group and byte within the group are known when the code is built, so
+// each store needs only the column its byte goes to (columnOf[r * P + j], the j-th pixel reading
+// byte r of a group, null when none does) and the group's distance.
+template <std::size_t G, std::size_t P, std::size_t K, std::size_t B>
+HWY_INLINE void storeGroupPiece(const hn::VFromD<Bytes>* v, std::uint8_t* const* columnOf, std::size_t groupStride) {
+    constexpr std::size_t L = hn::MaxLanes(Bytes()), b = L * K + B;  // byte of the block row
+    if constexpr (b < L / P * G) {
+        constexpr std::size_t group = b / G, r = b % G;
+        const BlockVector piece = blockOf<B / 16>(Bytes(), v[B % 16]);
+        for (std::size_t j = 0; j < P; ++j)
+            if (std::uint8_t* to = columnOf[r * P + j]) hn::StoreU(piece, Block(), to + group * groupStride);
+    }
+}
+
+template <std::size_t G, std::size_t P, std::size_t K, std::size_t... B>
+HWY_INLINE void splitGroupVector(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+                                 std::size_t groupStride, std::index_sequence<B...>) {
+    const Bytes d;
+    hn::VFromD<Bytes> v[16];
+    for (std::size_t i = 0; i < 16; ++i) v[i] = hn::LoadU(d, rows[i] + at + hn::MaxLanes(d) * K);
+    transposeVectors<1>(d, v);
+    (storeGroupPiece<G, P, K, B>(v, columnOf, groupStride), ...);
+}
+
+template <std::size_t G, std::size_t P, std::size_t... K>
+HWY_INLINE void splitGroupVectors(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+                                  std::size_t groupStride, std::index_sequence<K...>) {
+    (splitGroupVector<G, P, K>(rows, at, columnOf, groupStride, std::make_index_sequence<hn::MaxLanes(Bytes())>{}),
+     ...);
+}
+
+// One block of 16 rows by one vector of pixels.
+using SplitGroups = void (*)(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+                             std::size_t groupStride);
+
+template <std::size_t G, std::size_t P>
+void splitGroups(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
+                 std::size_t groupStride) {
+    constexpr std::size_t L = hn::MaxLanes(Bytes());
+    splitGroupVectors<G, P>(rows, at, columnOf, groupStride, std::make_index_sequence<(L / P * G + L - 1) / L>{});
+}
+
+// The group kernel for a block's layout, if it has one: the smallest group the 16 pixels repeat.
+struct GroupLayout {
+    SplitGroups split = nullptr;
+    std::size_t pixels = 0;  // P
+    std::size_t bytes = 0;   // G
+};
+
+inline GroupLayout groupLayout(const PixelBlock& block) {
+    constexpr struct {
+        std::size_t bytes, pixels;
+        SplitGroups split;
+    } groupKernels[] = {{3, 1, splitGroups<3, 1>},
+                        {4, 1, splitGroups<4, 1>},
+                        {4, 2, splitGroups<4, 2>},
+                        {6, 4, splitGroups<6, 4>},
+                        {12, 8, splitGroups<12, 8>}};
+    for (const auto& kernel : groupKernels) {
+        if (block.blockBytes * kernel.pixels != 16 * kernel.bytes) continue;
+        bool repeats = true;
+        for (int c = 0; c < 3; ++c)
+            for (std::size_t i = 0; i < 16; ++i)
+                repeats = repeats && block.byteOf[c][i % kernel.pixels] < kernel.bytes &&
+                          block.byteOf[c][i] == i / kernel.pixels * kernel.bytes + block.byteOf[c][i % kernel.pixels];
+        if (repeats) return {kernel.split, kernel.pixels, kernel.bytes};
+    }
+    return {};
+}
+
+// One column piece of a block: where it lies in the transposed block, its plane, and the column
+// start of its pixel within that plane's part of the block.
+struct PieceStore {
+    std::uint32_t from;
+    std::uint32_t plane;
+    std::size_t offset;
+};
+
+inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end,
+                                   std::size_t width, std::size_t height, bool flipRows, const PixelBlock& block,
+                                   std::uint8_t* const planes[3]) {
+    constexpr std::size_t chunks = blocksOf<Bytes>();  // 16-byte blocks per vector
+    constexpr std::size_t blockPixels = 16 * chunks;
+    const std::size_t vectors = (block.blockBytes + 15) / 16;
+    const std::size_t rowBytes = blockPixels / 16 * block.blockBytes;  // one block row's bytes
+    // Blocks of more than 64 bytes (no layout has them) are left to the plain loop at the end.
+    const bool blocks = block.blockBytes <= 64;
+    std::vector<PieceStore> stores;
+    for (std::uint32_t c = 0; c < 3; ++c)
+        for (std::size_t i = 0; i < blockPixels; ++i) {
+            const std::size_t b = i / 16 * block.blockBytes + block.byteOf[c][i % 16];
+            const std::size_t vector = b / (16 * chunks), chunk = b / 16 % chunks, element = b % 16;
+            stores.push_back(
+                {static_cast<std::uint32_t>(((16 * vector + element) * chunks + chunk) * 16), c, i * height});
+        }
+    alignas(64) std::uint8_t transposed[4 * 16 * 64];
+    // Where the group kernel stores each byte of a group: plane and pixel, or none.
+    const GroupLayout groups = groupLayout(block);
+    struct Slot {
+        int plane = -1;
+        std::size_t pixel = 0;
+    };
+    std::vector<Slot> slots(groups.bytes * groups.pixels);
+    for (int c = 0; c < 3; ++c)
+        for (std::size_t i = 0; i < groups.pixels; ++i) {
+            const std::size_t r = block.byteOf[c][i];
+            std::size_t j = 0;
+            while (slots[r * groups.pixels + j].plane >= 0) ++j;  // at most pixels readers of a byte
+            slots[r * groups.pixels + j] = {c, i};
+        }
+    std::vector<std::uint8_t*> columnOf(slots.size());
+
+    const std::size_t fullRows = blocks ? height / 16 * 16 : 0, fullWidth = width / blockPixels * blockPixels;
+    const std::size_t stripPixels = std::max<std::size_t>(64, blockPixels);
+    // Bands of 16 rows each column of 16-pixel groups has written: reads past end, and whatever
+    // the blocks do not cover, are left to the loop at the end.
+    std::vector<std::size_t> bands(width / 16 + 1, 0);
+    auto rowAt = [&](std::size_t y) { return src + (flipRows ? height - 1 - y : y) * stride; };
+    for (std::size_t s0 = 0; s0 < fullWidth; s0 += stripPixels) {
+        const std::size_t s1 = std::min(s0 + stripPixels, fullWidth);
+        for (std::size_t r0 = 0; r0 < fullRows; r0 += 16) {
+            const std::uint8_t* rows[16];
+            const std::uint8_t* furthest = nullptr;
+            for (std::size_t i = 0; i < 16; ++i) {
+                rows[i] = rowAt(r0 + i);
+                furthest = std::max(furthest, rows[i]);
+            }
+            for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
+                const std::size_t at = x0 / 16 * block.blockBytes;
+                if (furthest > end ||
+                    static_cast<std::size_t>(end - furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
+                    break;
+                if (groups.split != nullptr) {
+                    for (std::size_t k = 0; k < slots.size(); ++k)
+                        columnOf[k] =
+                            slots[k].plane < 0 ? nullptr : planes[slots[k].plane] + (x0 + slots[k].pixel) * height + r0;
+                    groups.split(rows, at, columnOf.data(), groups.pixels * height);
+                } else {
+                    transposeBlock(rows, at, vectors, transposed);
+                    std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
+                                                   planes[2] + x0 * height + r0};
+                    for (const PieceStore& piece : stores)
+                        hn::StoreU(hn::Load(Block(), transposed + piece.from), Block(),
+                                   base[piece.plane] + piece.offset);
+                }
+                for (std::size_t g = 0; g < chunks; ++g) ++bands[x0 / 16 + g];
+            }
+        }
+    }
+    for (std::size_t x = 0; x < width; ++x) {
+        const std::size_t y0 = fullRows > 0 && bands[x / 16] == fullRows / 16 ? fullRows : 0;
+        for (std::size_t y = y0; y < height; ++y) {
+            const std::uint8_t* group = rowAt(y) + x / 16 * block.blockBytes;
+            for (int c = 0; c < 3; ++c) planes[c][x * height + y] = group[block.byteOf[c][x % 16]];
+        }
+    }
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace lumoframekit
+HWY_AFTER_NAMESPACE();
+
+#endif

@@ -1,0 +1,63 @@
+#pragma once
+// The vector kernels of every copy-out and of the demosaic, each written once and built for every
+// instruction set the processor may have. One table of them is chosen when the library loads (and
+// again whenever the width limit changes); frames call through it.
+#include <cstddef>
+#include <cstdint>
+
+#include "frames/core/transpose.h"
+
+namespace lumoframekit {
+
+struct PixelBlock;
+
+namespace BayerUtil {
+template <typename T>
+struct BayerTBBTask;
+}
+
+template <typename T>
+struct SampleKernels {
+    // Every site of the task's kind.
+    void (*sites)(const BayerUtil::BayerTBBTask<T>& task);
+    // Splits 2 * pairs samples into the even-indexed and the odd-indexed ones, and back.
+    void (*deinterleave)(const T* in, T* even, T* odd, std::uint64_t pairs);
+    void (*interleave)(const T* even, const T* odd, T* out, std::uint64_t pairs);
+    // Transposes rows x cols samples of a row-major image (rows srcRowBytes apart) into columns
+    // stride samples apart, streaming whole cache lines where the columns start on them.
+    void (*transposeIntoLines)(const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
+                               std::uint64_t rows, std::uint64_t cols);
+    // Writes count samples into every other element of a host column, from its first (even
+    // rows) or second (odd rows) element on; null where the processor cannot store lone elements.
+    void (*mergeRows)(const T* sites, T* column, std::uint64_t count, bool oddRows);
+};
+
+struct Kernels {
+    const char* name;  // the instruction set
+    int vectorBits;    // 0 for the portable build
+    // transposeSamples, by log2 of the sample bytes.
+    void (*transpose[4])(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
+                         std::size_t rows, std::size_t cols, bool flipRows, SampleOp op);
+    // splitInterleaved.
+    void (*splitInterleaved)(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
+                             std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]);
+    // Unpacks pixels [first, first + width) of every row of a packed image into a column-major
+    // array, by packing (the Packing enumerators' order). Reads stay before end.
+    void (*unpack[4])(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end, std::size_t rowBytes,
+                      std::size_t first, std::size_t width, std::size_t height);
+    SampleKernels<std::uint8_t> u8;
+    SampleKernels<std::uint16_t> u16;
+
+    template <typename T>
+    const SampleKernels<T>& of() const {
+        if constexpr (sizeof(T) == 1)
+            return u8;
+        else
+            return u16;
+    }
+};
+
+// The table in use: the widest kernels the processor has within the width limit.
+const Kernels& kernels();
+
+}  // namespace lumoframekit

@@ -1,0 +1,127 @@
+// Unpacking of packed 10- and 12-bit rows into column-major 16-bit arrays: eight pixels per
+// 16-byte block decoded by byte shuffles, eight rows transposed in registers.
+#if defined(LUMO_KERNELS_PACKED_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef LUMO_KERNELS_PACKED_INL_H_
+#undef LUMO_KERNELS_PACKED_INL_H_
+#else
+#define LUMO_KERNELS_PACKED_INL_H_
+#endif
+
+#include <hwy/highway.h>
+
+#include "frames/kernels/transpose-inl.h"
+#include "frames/mono/packings.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace lumoframekit {
+namespace HWY_NAMESPACE {
+
+// Bytes of the eight pixels one block decodes.
+template <Packing P>
+constexpr std::size_t eightPixelBytes = 8 / factsOf(P).pixelsPerGroup* factsOf(P).bytesPerGroup;
+
+// Block q of the vector holds the 16 bytes from row + q * G on.
+template <std::size_t G, class D>
+HWY_INLINE hn::VFromD<D> loadGroups(D d, const std::uint8_t* row) {
+    if constexpr (blocksOf<D>() == 1) {
+        return hn::LoadU(d, row);
+    } else {
+        const hn::Half<D> half;
+        return hn::Combine(d, loadGroups<G>(half, row + blocksOf<D>() / 2 * G), loadGroups<G>(half, row));
+    }
+}
+
+// Eight pixels per block, in 16-bit lanes, from the bytes at row. Table bytes of 0x80 read as 0.
+template <Packing P, class D16>
+HWY_INLINE hn::VFromD<D16> decodeBlocks(D16 d16, const std::uint8_t* row) {
+    const hn::Repartition<std::uint8_t, D16> d8;
+    const auto bytes = loadGroups<eightPixelBytes<P>>(d8, row);
+    auto pick = [&](const std::uint8_t* order) {
+        return hn::BitCast(d16, hn::TableLookupBytesOr0(bytes, hn::LoadDup128(d8, order)));
+    };
+    if constexpr (P == Packing::Ten4in5) {
+        // Lane k holds the two bytes its 10 bits span; shifting left by 6 - (k mod 4) * 2 and
+        // then right by 6 keeps exactly those bits.
+        alignas(16) static constexpr std::uint8_t spans[16] = {0, 1, 1, 2, 2, 3, 3, 4, 5, 6, 6, 7, 7, 8, 8, 9};
+        alignas(16) static constexpr std::uint16_t scales[8] = {64, 16, 4, 1, 64, 16, 4, 1};
+        return hn::ShiftRight<6>(hn::Mul(pick(spans), hn::LoadDup128(d16, scales)));
+    } else if constexpr (P == Packing::Twelve2in3LsbFirst) {
+        // Even pixels: b0 and the low nibble of b1; odd pixels: b2 and the high nibble of b1.
+        alignas(16) static constexpr std::uint8_t spans[16] = {0, 1, 1, 2, 3, 4, 4, 5, 6, 7, 7, 8, 9, 10, 10, 11};
+        alignas(16) static constexpr std::uint16_t even[8] = {0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0, 0x0FFF, 0};
+        const auto words = pick(spans), evenMask = hn::LoadDup128(d16, even);
+        return hn::Or(hn::And(words, evenMask), hn::AndNot(evenMask, hn::ShiftRight<4>(words)));
+    } else {
+        // The high bits from b0 (even) or b2 (odd), the low bits from the shared byte b1: its low
+        // field for even pixels, its field at bit 4 for odd ones.
+        constexpr int low = P == Packing::Ten2in3 ? 2 : 4;
+        constexpr std::uint16_t f = (1 << low) - 1;
+        alignas(16) static constexpr std::uint8_t highs[16] = {0, 0x80, 2, 0x80, 3, 0x80, 5,  0x80,
+                                                               6, 0x80, 8, 0x80, 9, 0x80, 11, 0x80};
+        alignas(16) static constexpr std::uint8_t shares[16] = {1, 0x80, 1, 0x80, 4,  0x80, 4,  0x80,
+                                                                7, 0x80, 7, 0x80, 10, 0x80, 10, 0x80};
+        alignas(16) static constexpr std::uint16_t evenField[8] = {f, 0, f, 0, f, 0, f, 0};
+        alignas(16) static constexpr std::uint16_t oddField[8] = {0, f, 0, f, 0, f, 0, f};
+        const auto shared = pick(shares);
+        return hn::Or(hn::ShiftLeft<low>(pick(highs)),
+                      hn::Or(hn::And(shared, hn::LoadDup128(d16, evenField)),
+                             hn::And(hn::ShiftRight<4>(shared), hn::LoadDup128(d16, oddField))));
+    }
+}
+
+// Blocks of eight rows by eight pixels per 16-byte block, from column `from` up to the columns
+// whose reads in the last whole band stay before end. Returns the columns done.
+template <Packing P, class D16>
+std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end,
+                           std::size_t rowBytes, std::size_t first, std::size_t width, std::size_t height,
+                           std::size_t from) {
+    constexpr std::size_t G = eightPixelBytes<P>, B = blocksOf<D16>(), blockColumns = 8 * B;
+    const std::size_t decoded = first + width, fullRows = height / 8 * 8;
+    std::size_t columns = from;
+    if (fullRows > 0) {
+        const std::uint8_t* lastRow = buffer + (fullRows - 1) * rowBytes;
+        while (columns + blockColumns <= decoded && lastRow + (columns / 8 + B - 1) * G + 16 <= end)
+            columns += blockColumns;
+    }
+    for (std::size_t r0 = 0; r0 < fullRows; r0 += 8) {
+        const std::uint8_t* rows = buffer + r0 * rowBytes;
+        for (std::size_t c0 = from; c0 < columns; c0 += blockColumns) {
+            hn::VFromD<D16> v[8];
+            for (std::size_t i = 0; i < 8; ++i) v[i] = decodeBlocks<P>(d16, rows + i * rowBytes + c0 / 8 * G);
+            const hn::Repartition<std::uint8_t, D16> d8;
+            hn::VFromD<decltype(d8)> bytes[8];
+            for (std::size_t i = 0; i < 8; ++i) bytes[i] = hn::BitCast(d8, v[i]);
+            transposeVectors<2>(d8, bytes);
+            for (std::size_t k = 0; k < 8; ++k)
+                forEachBlock(d8, bytes[k], [&](std::size_t q, BlockVector piece) {
+                    const std::size_t c = c0 + 8 * q + k;
+                    if (c >= first)
+                        hn::StoreU(piece, Block(), reinterpret_cast<std::uint8_t*>(out + (c - first) * height + r0));
+                });
+        }
+    }
+    return columns;
+}
+
+template <Packing P>
+void unpackKernel(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end, std::size_t rowBytes,
+                  std::size_t first, std::size_t width, std::size_t height) {
+    const hn::ScalableTag<std::uint16_t> d16;
+    std::size_t done = unpackBlocksOf<P>(d16, out, buffer, end, rowBytes, first, width, height, 0);
+    if constexpr (blocksOf<decltype(d16)>() > 1)
+        done = unpackBlocksOf<P>(hn::Full128<std::uint16_t>(), out, buffer, end, rowBytes, first, width, height, done);
+    // What no block covers, a pixel at a time.
+    const std::size_t decoded = first + width, fullRows = height / 8 * 8;
+    for (std::size_t c = std::max(done, first); c < decoded; ++c)
+        for (std::size_t r = 0; r < fullRows; ++r)
+            out[(c - first) * height + r] = decode<P>(buffer + r * rowBytes + byteOfPixel(P, c), c);
+    for (std::size_t r = fullRows; r < height; ++r)
+        for (std::size_t c = first; c < decoded; ++c)
+            out[(c - first) * height + r] = decode<P>(buffer + r * rowBytes + byteOfPixel(P, c), c);
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace lumoframekit
+HWY_AFTER_NAMESPACE();
+
+#endif

@@ -1,0 +1,182 @@
+// The demosaic's site kernels: every site of one kind computed by gradient-corrected
+// interpolation, one lane per site.
+#if defined(LUMO_KERNELS_SITES_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef LUMO_KERNELS_SITES_INL_H_
+#undef LUMO_KERNELS_SITES_INL_H_
+#else
+#define LUMO_KERNELS_SITES_INL_H_
+#endif
+
+#include <hwy/cache_control.h>
+#include <hwy/highway.h>
+
+#include <thread>
+#include <type_traits>
+
+#include "frames/bayer/bayer_util.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace lumoframekit {
+namespace HWY_NAMESPACE {
+
+// Whether this instruction set stores lone elements of a vector (masked stores), so that a task
+// may write every other element of a host column in place.
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+constexpr bool kLoneStores = true;
+#else
+constexpr bool kLoneStores = false;
+#endif
+
+// Sites are computed in lanes wide enough for the sums (16-bit lanes for 8-bit samples, 32-bit
+// lanes for 16-bit ones), a full vector of them per step, and narrowed to a half vector of samples.
+template <typename T>
+struct SiteLanes {
+    using Wide = std::conditional_t<sizeof(T) == 1, std::int16_t, std::int32_t>;
+    using D = hn::ScalableTag<Wide>;
+    using Narrow = hn::Rebind<T, D>;        // as many samples as wide lanes
+    using Samples = hn::Repartition<T, D>;  // two samples per wide lane
+    using V = hn::VFromD<D>;
+    static constexpr std::uint64_t lanes = hn::MaxLanes(D());
+
+    static HWY_INLINE V load(const T* at) { return hn::PromoteTo(D(), hn::LoadU(Narrow(), at)); }
+};
+
+// The kernels, each as an integer multiple of the exact value (Gx in eighths, the chroma kernels in
+// sixteenths) so that no rounding happens before the clamp; clamping the exact value at the
+// fractional bound and truncating equals flooring it and capping the floor at the bound's integer
+// part, negatives becoming 0. s points at the sites, o at the other parity's row above them; the
+// results are the two computed values of each site (horizontal and vertical chroma at green sites,
+// green and the diagonal chroma at red and blue ones), floored but not yet clamped.
+template <typename T, bool GreenSite>
+HWY_INLINE void computeSites(const T* s, const T* o, std::uint64_t stride, typename SiteLanes<T>::V& first,
+                             typename SiteLanes<T>::V& second) {
+    using L = SiteLanes<T>;
+    const typename L::D d;
+    auto times = [&](typename L::V v, int k) { return hn::Mul(v, hn::Set(d, static_cast<typename L::Wide>(k))); };
+    const auto c = L::load(s);
+    const auto vertical2 = hn::Add(L::load(s - 1), L::load(s + 1));                      // n2 + s2
+    const auto horizontal2 = hn::Add(L::load(s - 2 * stride), L::load(s + 2 * stride));  // w2 + e2
+    const auto vertical1 = hn::Add(L::load(o), L::load(o + 1));                          // n1 + s1
+    const auto horizontal1 = hn::Add(L::load(s - stride), L::load(s + stride));          // w1 + e1
+    const auto diagonals = hn::Add(hn::Add(L::load(o - stride), L::load(o - stride + 1)),
+                                   hn::Add(L::load(o + stride), L::load(o + stride + 1)));
+    if constexpr (GreenSite) {
+        const auto common = hn::Sub(times(c, 10), hn::Add(diagonals, diagonals));
+        const auto v =
+            hn::Add(hn::Sub(common, hn::Add(vertical2, vertical2)), hn::Add(horizontal2, times(vertical1, 8)));
+        const auto h =
+            hn::Add(hn::Sub(common, hn::Add(horizontal2, horizontal2)), hn::Add(vertical2, times(horizontal1, 8)));
+        first = hn::ShiftRight<4>(h);
+        second = hn::ShiftRight<4>(v);
+    } else {
+        const auto far = hn::Add(vertical2, horizontal2);
+        const auto near = hn::Add(vertical1, horizontal1);
+        first = hn::ShiftRight<3>(hn::Add(hn::Sub(times(c, 4), far), hn::Add(near, near)));
+        second = hn::ShiftRight<4>(hn::Add(hn::Sub(times(c, 12), times(far, 3)), times(diagonals, 4)));
+    }
+}
+
+// The mask of `count` sites of one row parity: every other element of a column, two elements per
+// site.
+template <typename T>
+HWY_INLINE auto rowMask(bool oddRows, std::uint64_t count) {
+    const typename SiteLanes<T>::Samples d;
+    const auto parity = hn::Eq(hn::And(hn::Iota(d, 0), hn::Set(d, T{1})), hn::Set(d, static_cast<T>(oddRows)));
+    return hn::And(parity, hn::FirstN(d, 2 * std::min(count, SiteLanes<T>::lanes)));
+}
+
+// A wide lane holds a sample in its low half and zero above; shifted up by a sample for odd rows,
+// the lanes line up with a column's elements.
+template <typename T>
+HWY_INLINE void storeRows(T* at, bool oddRows, std::uint64_t count, typename SiteLanes<T>::V v) {
+    const typename SiteLanes<T>::Samples d;
+    const auto placed = oddRows ? hn::ShiftLeft<8 * sizeof(T)>(v) : v;
+    hn::BlendedStore(hn::BitCast(d, placed), rowMask<T>(oddRows, count), d, at);
+}
+
+template <typename T>
+void mergeRowsKernel(const T* sites, T* column, std::uint64_t count, bool oddRows) {
+    using L = SiteLanes<T>;
+    // A whole vector is read: the task planes' and the padded copy's columns are padded to whole
+    // cache lines.
+    for (std::uint64_t i = 0; i < count; i += L::lanes)
+        storeRows(column + 2 * i, oddRows, count - i, L::load(sites + i));
+}
+
+// The planes are read back by the calling thread once every task is done. Tasks on other threads
+// stream them to memory, so that their lines are not then claimed from another core's cache;
+// tasks on the calling thread leave them cached for it, or, where lone elements can be stored,
+// write the host planes in place: the tasks there then leave no planes to interleave afterwards,
+// and the other threads' tasks keep to planes of their own, so no two cores write the same lines.
+template <typename T, BayerUtil::BayerSiteKind Kind>
+void siteColumns(const BayerUtil::BayerTBBTask<T>& task) {
+    using namespace BayerUtil;
+    using L = SiteLanes<T>;
+    const typename L::D d;
+    const typename L::Narrow dn;
+    const bool stream = std::this_thread::get_id() != task.gate->caller;
+    constexpr bool greenSite = Kind == GreenOnRedRow || Kind == GreenOnBlueRow;
+    constexpr int firstPlane = planeOfFirst(Kind), secondPlane = planeOfSecond(Kind);
+    const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
+    const bool evenSites = task.firstRow == 2;
+    const T* same = evenSites ? task.padded.even : task.padded.odd;
+    const T* other = evenSites ? task.padded.odd : task.padded.even;
+    const std::uint64_t above = evenSites ? 0 : 1;
+    const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
+    const auto zero = hn::Zero(d), upper = hn::Set(d, static_cast<typename L::Wide>(task.upper));
+    auto clamp = [&](typename L::V v) { return hn::Min(hn::Max(v, zero), upper); };
+    const bool inPlace = kLoneStores && !stream && task.hostPlanes[0] != nullptr;
+    // Streaming takes vectors of at least 16 bytes.
+    const bool streamStores = stream && hn::MaxLanes(dn) * sizeof(T) >= 16;
+    if (inPlace) *task.wroteInPlace = true;
+    std::uint64_t out = 0;
+    for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += task.planeColumn) {
+        const T* column = same + p * stride + 1;
+        const T* otherRow = other + p * stride + above;
+        if (inPlace) {
+            const std::uint64_t hostColumn = (p - 2) * h;
+            for (std::uint64_t i = 0; i < sites; i += L::lanes) {
+                typename L::V values[3];
+                computeSites<T, greenSite>(column + i, otherRow + i, stride, values[firstPlane], values[secondPlane]);
+                values[firstPlane] = clamp(values[firstPlane]);
+                values[secondPlane] = clamp(values[secondPlane]);
+                values[3 - firstPlane - secondPlane] = L::load(column + i);  // the site's own
+                for (int plane = 0; plane < 3; ++plane)
+                    storeRows(task.hostPlanes[plane] + hostColumn + 2 * i, !evenSites, sites - i, values[plane]);
+            }
+            continue;
+        }
+        // Whole vectors: the planes' columns are padded to whole cache lines.
+        for (std::uint64_t i = 0; i < sites; i += L::lanes) {
+            typename L::V first, second;
+            computeSites<T, greenSite>(column + i, otherRow + i, stride, first, second);
+            const auto firsts = hn::DemoteTo(dn, clamp(first)), seconds = hn::DemoteTo(dn, clamp(second));
+            T* const firstAt = task.planes[firstPlane] + out + i;
+            T* const secondAt = task.planes[secondPlane] + out + i;
+            if (streamStores) {
+                hn::Stream(firsts, dn, firstAt);
+                hn::Stream(seconds, dn, secondAt);
+            } else {
+                hn::Store(firsts, dn, firstAt);
+                hn::Store(seconds, dn, secondAt);
+            }
+        }
+    }
+    hwy::FlushStream();  // the streamed stores are visible before the task reports done
+}
+
+template <typename T>
+void sitesKernel(const BayerUtil::BayerTBBTask<T>& task) {
+    switch (task.kind) {
+        case BayerUtil::GreenOnRedRow: siteColumns<T, BayerUtil::GreenOnRedRow>(task); break;
+        case BayerUtil::GreenOnBlueRow: siteColumns<T, BayerUtil::GreenOnBlueRow>(task); break;
+        case BayerUtil::Red: siteColumns<T, BayerUtil::Red>(task); break;
+        case BayerUtil::Blue: siteColumns<T, BayerUtil::Blue>(task); break;
+    }
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace lumoframekit
+HWY_AFTER_NAMESPACE();
+
+#endif

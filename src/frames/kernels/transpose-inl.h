@@ -1,0 +1,268 @@
+// The transposes the column-major copy-outs build on, written once on vectors of any width (one
+// or more 16-byte blocks) and built for each instruction set by the file that includes this one.
+#if defined(LUMO_KERNELS_TRANSPOSE_INL_H_) == defined(HWY_TARGET_TOGGLE)
+#ifdef LUMO_KERNELS_TRANSPOSE_INL_H_
+#undef LUMO_KERNELS_TRANSPOSE_INL_H_
+#else
+#define LUMO_KERNELS_TRANSPOSE_INL_H_
+#endif
+
+#include <hwy/cache_control.h>
+#include <hwy/highway.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "frames/core/transpose.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace lumoframekit {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+using Bytes = hn::ScalableTag<std::uint8_t>;
+using Block = hn::Full128<std::uint8_t>;
+using BlockVector = hn::VFromD<Block>;
+
+// 16-byte blocks in a vector of tag D.
+template <class D>
+constexpr std::size_t blocksOf() {
+    return hn::MaxLanes(D()) * sizeof(hn::TFromD<D>) / 16;
+}
+
+// Transposes the V x V samples of N bytes held in row vectors v[0..V-1] (V = 16 / N), within each
+// 16-byte block: rounds of interleaving row i with row i + V/2, after which v[k] holds column k of
+// each block. The blocks of a vector stay apart.
+template <int N, class D>
+HWY_INLINE void transposeVectors(D d, hn::VFromD<D>* v) {
+    constexpr int V = 16 / N;
+    const hn::Repartition<hwy::UnsignedFromSize<N>, D> dn;
+    for (int step = 0; (1 << step) < V; ++step) {
+        hn::VFromD<D> t[V];
+        for (int i = 0; i < V / 2; ++i) {
+            const auto a = hn::BitCast(dn, v[i]), b = hn::BitCast(dn, v[i + V / 2]);
+            t[2 * i] = hn::BitCast(d, hn::InterleaveLower(dn, a, b));
+            t[2 * i + 1] = hn::BitCast(d, hn::InterleaveUpper(dn, a, b));
+        }
+        for (int i = 0; i < V; ++i) v[i] = t[i];
+    }
+}
+
+// Block q of a vector, q known when the code is built.
+template <std::size_t Q, class D>
+HWY_INLINE BlockVector blockOf(D d, hn::VFromD<D> v) {
+    if constexpr (blocksOf<D>() == 1) {
+        (void)d;
+        return hn::BitCast(Block(), v);
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+    } else if constexpr (blocksOf<D>() == 4) {
+        // One instruction (this version of the vector library has no block extraction).
+        return BlockVector{_mm512_extracti32x4_epi32(hn::BitCast(Bytes(), v).raw, Q)};
+#endif
+    } else {
+        const hn::Half<D> half;
+        if constexpr (Q < blocksOf<D>() / 2)
+            return blockOf<Q>(half, hn::LowerHalf(half, v));
+        else
+            return blockOf<Q - blocksOf<D>() / 2>(half, hn::UpperHalf(half, v));
+    }
+}
+
+// Calls store(q, block) for each block q of v.
+template <class D, class Store, std::size_t... Q>
+HWY_INLINE void forEachBlock(D d, hn::VFromD<D> v, Store store, std::index_sequence<Q...>) {
+    (store(Q, blockOf<Q>(d, v)), ...);
+}
+template <class D, class Store>
+HWY_INLINE void forEachBlock(D d, hn::VFromD<D> v, Store store) {
+    forEachBlock(d, v, store, std::make_index_sequence<blocksOf<D>()>{});
+}
+
+// Transposes the B x B blocks of B vectors (B the blocks per vector): block q of w[j] goes to
+// block j of w[q].
+template <class D>
+HWY_INLINE void transposeBlocks(D d, hn::VFromD<D>* w) {
+    constexpr std::size_t B = blocksOf<D>();
+    auto pairs = [](hn::VFromD<D>& a, hn::VFromD<D>& b) {
+        const auto even = hn::OddEvenBlocks(hn::SwapAdjacentBlocks(b), a);
+        b = hn::OddEvenBlocks(b, hn::SwapAdjacentBlocks(a));
+        a = even;
+    };
+    if constexpr (B == 2) {
+        pairs(w[0], w[1]);
+    } else if constexpr (B == 4) {
+        // Halves first, then adjacent blocks within them.
+        const auto x0 = hn::ConcatLowerLower(d, w[2], w[0]), x2 = hn::ConcatUpperUpper(d, w[2], w[0]);
+        const auto x1 = hn::ConcatLowerLower(d, w[3], w[1]), x3 = hn::ConcatUpperUpper(d, w[3], w[1]);
+        w[0] = x0, w[1] = x1, w[2] = x2, w[3] = x3;
+        pairs(w[0], w[1]);
+        pairs(w[2], w[3]);
+    } else {
+        static_assert(B == 1, "vectors of 1, 2 or 4 blocks");
+        (void)d;
+    }
+}
+
+template <int N>
+inline hwy::UnsignedFromSize<N> swapped(hwy::UnsignedFromSize<N> v) {
+    if constexpr (N == 2) return __builtin_bswap16(v);
+    if constexpr (N == 4) return __builtin_bswap32(v);
+    if constexpr (N == 8) return __builtin_bswap64(v);
+    return v;
+}
+
+// The plain loop, over rows [r0, r1) and columns [c0, c1) of the image.
+template <int N>
+void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
+                   std::size_t rows, std::size_t r0, std::size_t r1, std::size_t c0, std::size_t c1, bool flip,
+                   SampleOp op) {
+    using U = hwy::UnsignedFromSize<N>;
+    for (std::size_t c = c0; c < c1; ++c)
+        for (std::size_t r = r0; r < r1; ++r) {
+            U v;
+            std::memcpy(&v, src + (flip ? rows - 1 - r : r) * srcRowBytes + c * N, N);
+            if (op == SampleOp::ByteSwap) v = swapped<N>(v);
+            if (op == SampleOp::Complement) v = static_cast<U>(~v);
+            std::memcpy(dst + (c * dstColumn + r) * N, &v, N);
+        }
+}
+
+// Blocks of V rows by one vector of each row, from column `from` on: each transposed vector gives
+// one column piece per 16-byte block. Strips one cache line of each source row wide are walked
+// down the whole image. Returns the columns done.
+template <int N, class D>
+std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst,
+                              std::size_t dstColumn, std::size_t rows, std::size_t from, std::size_t cols, bool flip,
+                              SampleOp op) {
+    constexpr std::size_t V = 16 / N, blockColumns = blocksOf<D>() * V;
+    constexpr std::size_t stripColumns = std::max<std::size_t>(64 / N, blockColumns);
+    const std::size_t fullRows = rows / V * V, fullCols = from + (cols - from) / blockColumns * blockColumns;
+    alignas(16) std::uint8_t order[16];  // reverses the bytes of each sample
+    for (std::size_t i = 0; i < 16; ++i) order[i] = static_cast<std::uint8_t>(i / N * N + (N - 1 - i % N));
+    const auto swapOrder = hn::LoadDup128(d, order);
+    for (std::size_t s0 = from; s0 < fullCols; s0 += stripColumns) {
+        const std::size_t s1 = std::min(s0 + stripColumns, fullCols);
+        for (std::size_t r0 = 0; r0 < fullRows; r0 += V)
+            for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
+                hn::VFromD<D> v[V];
+                for (std::size_t i = 0; i < V; ++i)
+                    v[i] = hn::LoadU(d, src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + c0 * N);
+                transposeVectors<N>(d, v);
+                for (std::size_t k = 0; k < V; ++k) {
+                    if (op == SampleOp::Complement) v[k] = hn::Not(v[k]);
+                    if (N > 1 && op == SampleOp::ByteSwap) v[k] = hn::TableLookupBytes(v[k], swapOrder);
+                    forEachBlock(d, v[k], [&](std::size_t q, BlockVector piece) {
+                        std::uint8_t* at = dst + ((c0 + q * V + k) * dstColumn + r0) * N;
+                        // Wide samples fill whole output lines a column at a time: streamed past
+                        // the cache, they leave it to the source rows.
+                        if (N == 8 && reinterpret_cast<std::uintptr_t>(at) % 16 == 0)
+                            hn::Stream(piece, Block(), at);
+                        else
+                            hn::StoreU(piece, Block(), at);
+                    });
+                }
+            }
+    }
+    hwy::FlushStream();
+    return fullCols;
+}
+
+template <int N>
+void transposeSamplesKernel(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
+                            std::size_t rows, std::size_t cols, bool flip, SampleOp op) {
+    std::size_t done = transposeBlocksOf<N>(Bytes(), src, srcRowBytes, dst, dstColumn, rows, 0, cols, flip, op);
+    // The columns right of the widest blocks on single blocks, then the plain loop for what no
+    // block fills.
+    if constexpr (blocksOf<Bytes>() > 1)
+        done = transposeBlocksOf<N>(Block(), src, srcRowBytes, dst, dstColumn, rows, done, cols, flip, op);
+    const std::size_t fullRows = rows / (16 / N) * (16 / N);
+    transposeLoop<N>(src, srcRowBytes, dst, dstColumn, rows, fullRows, rows, 0, cols, flip, op);
+    transposeLoop<N>(src, srcRowBytes, dst, dstColumn, rows, 0, fullRows, done, cols, flip, op);
+}
+
+// Whole output lines (64 bytes) of each column from columns `from` on: each line gathers the
+// column's pieces of four groups of V rows, each group transposed in registers; rows past the
+// image read as zeros. Returns the columns done.
+template <typename T, class D>
+std::uint64_t intoLinesOf(D d, const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
+                          std::uint64_t rows, std::uint64_t from, std::uint64_t cols) {
+    constexpr std::uint64_t N = sizeof(T), V = 16 / N, L = 64 / N, B = blocksOf<D>();
+    constexpr std::uint64_t blockColumns = B * V;
+    const std::uint64_t fullCols = from + (cols - from) / blockColumns * blockColumns;
+    for (std::uint64_t r0 = 0; r0 < rows; r0 += L)
+        for (std::uint64_t c0 = from; c0 < fullCols; c0 += blockColumns) {
+            hn::VFromD<D> groups[4][V];
+            for (std::uint64_t g = 0; g < 4; ++g) {
+                for (std::uint64_t i = 0; i < V; ++i) {
+                    const std::uint64_t r = r0 + g * V + i;
+                    groups[g][i] = r < rows ? hn::LoadU(d, src + r * srcRowBytes + c0 * N) : hn::Zero(d);
+                }
+                transposeVectors<static_cast<int>(N)>(d, groups[g]);
+            }
+            // Vector k of group g holds, in block q, the piece of column c0 + q * V + k: B groups'
+            // vectors with their blocks transposed make B line segments.
+            for (std::uint64_t k = 0; k < V; ++k)
+                for (std::uint64_t s = 0; s < 4 / B; ++s) {
+                    hn::VFromD<D> w[B];
+                    for (std::uint64_t j = 0; j < B; ++j) w[j] = groups[s * B + j][k];
+                    transposeBlocks(d, w);
+                    for (std::uint64_t q = 0; q < B; ++q)
+                        hn::Stream(w[q], d,
+                                   reinterpret_cast<std::uint8_t*>(dst + (c0 + q * V + k) * stride + r0 + s * B * V));
+                }
+        }
+    hwy::FlushStream();
+    return fullCols;
+}
+
+template <typename T>
+void transposeIntoLinesKernel(const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
+                              std::uint64_t rows, std::uint64_t cols) {
+    std::uint64_t done = 0;
+    if (reinterpret_cast<std::uintptr_t>(dst) % 64 == 0 && stride % (64 / sizeof(T)) == 0) {
+        done = intoLinesOf(Bytes(), src, srcRowBytes, dst, stride, rows, 0, cols);
+        if constexpr (blocksOf<Bytes>() > 1)
+            done = intoLinesOf(Block(), src, srcRowBytes, dst, stride, rows, done, cols);
+    }
+    // The columns right of the whole vectors.
+    constexpr int N = sizeof(T);
+    if (cols > done)
+        transposeSamplesKernel<N>(src + done * N, srcRowBytes, reinterpret_cast<std::uint8_t*>(dst + done * stride),
+                                  stride, rows, cols - done, false, SampleOp::Copy);
+}
+
+template <typename T>
+void deinterleaveKernel(const T* in, T* even, T* odd, std::uint64_t pairs) {
+    const hn::ScalableTag<T> d;
+    const std::uint64_t lanes = hn::Lanes(d);
+    std::uint64_t i = 0;
+    for (; i + lanes <= pairs; i += lanes) {
+        hn::VFromD<decltype(d)> e, o;
+        hn::LoadInterleaved2(d, in + 2 * i, e, o);
+        hn::StoreU(e, d, even + i);
+        hn::StoreU(o, d, odd + i);
+    }
+    for (; i < pairs; ++i) {
+        even[i] = in[2 * i];
+        odd[i] = in[2 * i + 1];
+    }
+}
+
+template <typename T>
+void interleaveKernel(const T* even, const T* odd, T* out, std::uint64_t pairs) {
+    const hn::ScalableTag<T> d;
+    const std::uint64_t lanes = hn::Lanes(d);
+    std::uint64_t i = 0;
+    for (; i + lanes <= pairs; i += lanes)
+        hn::StoreInterleaved2(hn::LoadU(d, even + i), hn::LoadU(d, odd + i), d, out + 2 * i);
+    for (; i < pairs; ++i) {
+        out[2 * i] = even[i];
+        out[2 * i + 1] = odd[i];
+    }
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace lumoframekit
+HWY_AFTER_NAMESPACE();
+
+#endif

@@ -1,0 +1,22 @@
+#pragma once
+// Runs a check on the kernels of every vector width: the widths the processor lacks are skipped
+// with a printed line, so that a run on a narrower machine says what it did not cover. The width
+// in use before (the suite's own, from LUMO_VECTOR_BITS) is restored after.
+#include <cstdio>
+
+#include "frames/core/transpose.h"
+#include "frames/kernels/kernels.h"
+
+template <typename Check>
+void forEachVectorWidth(Check check) {
+    const int before = lumoframekit::kernels().vectorBits;
+    for (int bits : {512, 256, 128, 0}) {
+        const int inUse = lumoframekit::limitVectorWidth(bits);
+        if (inUse != bits) {
+            std::printf("[  SKIPPED ] %d-bit kernels: not on this processor\n", bits);
+            continue;
+        }
+        check(bits);
+    }
+    lumoframekit::limitVectorWidth(before);
+}
