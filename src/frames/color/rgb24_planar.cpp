@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "frames/color/tiling.h"
 #include "frames/core/format_table.h"
 #include "frames/core/planes.h"
+#include "frames/core/transpose.h"
 #include "lumoframekit/color_frames.h"
 
 namespace lumoframekit {
@@ -37,22 +37,6 @@ const PlanarFormat& formatOf(std::int32_t subtype) {
     return row != nullptr ? *row : noFormat;
 }
 
-// One row-major source plane into one column-major host plane; big-endian samples are swapped
-// into host order.
-template <int SampleBytes, bool Swap>
-void transposePlane(const std::uint8_t* src, std::uint8_t* out, std::int64_t width, std::int64_t height,
-                    const Tiling& tiling) {
-    forEachTile(width, height, tiling, [&](std::int64_t x0, std::int64_t x1, std::int64_t y0, std::int64_t y1) {
-        for (std::int64_t x = x0; x < x1; ++x) {
-            std::uint8_t* target = out + (x * height + y0) * SampleBytes;
-            for (std::int64_t y = y0; y < y1; ++y, target += SampleBytes) {
-                const std::uint8_t* sample = src + (y * width + x) * SampleBytes;
-                for (int k = 0; k < SampleBytes; ++k) target[k] = sample[Swap ? SampleBytes - 1 - k : k];
-            }
-        }
-    });
-}
-
 }  // namespace
 
 RGB24Planar::RGB24Planar(std::int32_t w, std::int32_t h, std::int32_t sub)
@@ -81,15 +65,15 @@ void RGB24Planar::convert(void** dest, const std::uint8_t* src) const {
     if (f.bytesPerSample == 0 || width <= 0 || height <= 0 || src == nullptr) return;
     const Planes out = planesOf(dest, static_cast<std::uint64_t>(planeSize));
     if (!out.valid) return;
-    const Tiling tiling = colorTiling(width, height);
+    // Each plane is a monochrome image: transposed, big-endian samples swapped into host order.
+    const auto w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
+    const SampleOp op = f.bigEndian ? SampleOp::ByteSwap : SampleOp::Copy;
     for (int band = 0; band < 3; ++band) {
         const std::uint8_t* plane = src + band * planeSize;
         if (f.bytesPerSample == 1)
-            transposePlane<1, false>(plane, out.plane[band], width, height, tiling);
-        else if (f.bigEndian)
-            transposePlane<2, true>(plane, out.plane[band], width, height, tiling);
+            transposeSamples<1>(plane, w, out.plane[band], h, h, w, false, op);
         else
-            transposePlane<2, false>(plane, out.plane[band], width, height, tiling);
+            transposeSamples<2>(plane, 2 * w, out.plane[band], h, h, w, false, op);
     }
 }
 

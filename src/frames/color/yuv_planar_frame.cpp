@@ -1,8 +1,11 @@
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "frames/core/format_table.h"
 #include "frames/core/planes.h"
+#include "frames/core/transpose.h"
+#include "frames/kernels/kernels.h"
 #include "lumoframekit/color_frames.h"
 
 namespace lumoframekit {
@@ -77,16 +80,31 @@ void YUVPlanarFrame::getData(void** dest) {
     const Planes out = planesOf(dest, static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(h));
     if (!out.valid) return;
     const PlaneOffsets planes = offsetsOf(*f, lumaSize, chromaSize);
-    const std::uint8_t* luma = buffer + planes.at[Y];
-    const std::uint8_t* u = buffer + planes.at[U];
-    const std::uint8_t* v = buffer + planes.at[V];
-    for (std::int64_t x = 0; x < width; ++x) {
-        const std::int64_t first = x * h;
-        for (std::int64_t y = 0; y < h; ++y) {
-            const std::int64_t chroma = chromaRow * (y / factor) + x / factor;
-            out.plane[0][first + y] = luma[paddedWidth * y + x];
-            out.plane[1][first + y] = u[chroma];
-            out.plane[2][first + y] = v[chroma];
+    const auto w = static_cast<std::size_t>(width), rows = static_cast<std::size_t>(h);
+    transposeSamples<1>(buffer + planes.at[Y], static_cast<std::size_t>(paddedWidth), out.plane[0], rows, rows, w,
+                        false, SampleOp::Copy);
+    // Pixel (x, y) takes chroma sample (x / n, y / n), n the subsampling factor: each chroma column
+    // is transposed, widened to a whole column by repeating every sample n times, and copied to the
+    // other columns it covers.
+    const auto n = static_cast<std::size_t>(factor);
+    const std::size_t chromaColumns = (w + n - 1) / n, chromaRows = (rows + n - 1) / n;
+    thread_local std::vector<std::uint8_t> columns;
+    columns.resize(chromaColumns * chromaRows);
+    const auto interleave = kernels().u8.interleave;
+    for (PlaneId id : {U, V}) {
+        std::uint8_t* target = out.plane[id == U ? 1 : 2];
+        transposeSamples<1>(buffer + planes.at[id], static_cast<std::size_t>(chromaRow), columns.data(), chromaRows,
+                            chromaRows, chromaColumns, false, SampleOp::Copy);
+        for (std::size_t k = 0; k < chromaColumns; ++k) {
+            const std::uint8_t* column = columns.data() + k * chromaRows;
+            std::uint8_t* first = target + k * n * rows;
+            if (n == 2) {
+                interleave(column, column, first, rows / 2);
+                if (rows % 2 == 1) first[rows - 1] = column[rows / 2];
+            } else {
+                for (std::size_t y = 0; y < rows; ++y) first[y] = column[y / n];
+            }
+            for (std::size_t j = 1; j < n && k * n + j < w; ++j) std::memcpy(first + j * rows, first, rows);
         }
     }
 }
