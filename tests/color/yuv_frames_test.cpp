@@ -109,7 +109,7 @@ TEST(YUVPlanarFrame, EverySubtypeRepeatsItsChroma) {
     std::mt19937 rng(16);
     const int factors[3] = {4, 2, 2};
     for (int subtype = 0; subtype < 3; ++subtype)
-        for (auto [w, h] : {std::pair{5, 5}, {8, 4}, {1, 1}, {9, 7}}) {
+        for (auto [w, h] : {std::pair{5, 5}, {8, 4}, {1, 1}, {9, 7}, {70, 37}, {130, 66}}) {
             const int f = factors[subtype];
             const int pw = (w + f - 1) / f * f, ph = (h + f - 1) / f * f;
             const std::size_t luma = static_cast<std::size_t>(pw) * ph, chroma = luma / f / f;
@@ -200,6 +200,28 @@ TEST(YUVHybridFrame, BothLayoutsAndRegionsAtOddOffsets) {
         }
         EXPECT_GE(compared, 8) << "subtype " << subtype;
     }
+}
+
+// Frames wide and tall enough for every vector width, whole blocks and tails.
+TEST(YUVHybridFrame, WholeFramesOfEverySizeFollowTheLayout) {
+    std::mt19937 rng(19);
+    for (int subtype : {0, 1})
+        for (auto [w, h] : {std::pair{70, 37}, {130, 66}, {64, 48}, {33, 2}, {71, 38}}) {
+            FramePtr frame = make(0x07000000u | subtype, w, h);
+            const auto raw = noise(frame->getBufferSize(), rng);
+            frame->setBufferData(raw.data());
+            const std::size_t n = static_cast<std::size_t>(w) * h;
+            const auto out = planesOf(*frame, 3 * n);
+            // Buffers of odd sizes may not hold the last chroma: then nothing is converted.
+            if ((w % 2 == 1 || h % 2 == 1) && out[0] == 0xA7) continue;
+            for (int x = 0; x < w; ++x)
+                for (int y = 0; y < h; ++y) {
+                    const auto yuv = hybridPixel(subtype, raw, w, h, x, y);
+                    for (int c = 0; c < 3; ++c)
+                        ASSERT_EQ(out[c * n + x * h + y], yuv[c])
+                            << subtype << " " << w << "x" << h << " " << x << "," << y;
+                }
+        }
 }
 
 TEST(YUVHybridFrame, KnownBytesAndOddSizesStayInside) {

@@ -2,7 +2,9 @@
 #include <cmath>
 #include <cstring>
 
+#include "frames/color/chroma.h"
 #include "frames/core/planes.h"
+#include "frames/core/transpose.h"
 #include "lumoframekit/color_frames.h"
 
 namespace lumoframekit {
@@ -48,6 +50,23 @@ void YUVHybridFrame::getData(void** dest) {
     const Planes out = planesOf(dest, static_cast<std::uint64_t>(w * h));
     if (!out.valid) return;
 
+    if (!lineInterleaved && cp == 0 && rp == 0) {
+        // Semi-planar from the first column and row: the luma plane transposed; the U,V pairs
+        // transposed as 16-bit samples, split into U and V columns, and widened.
+        const auto imageWidth = static_cast<std::size_t>(w), rows = static_cast<std::size_t>(h);
+        const auto pitch = static_cast<std::size_t>(stride);
+        transposeSamples<1>(buffer, pitch, out.plane[0], rows, rows, imageWidth, false, SampleOp::Copy);
+        const std::size_t chromaColumns = (imageWidth + 1) / 2, chromaRows = (rows + 1) / 2;
+        const std::size_t samples = chromaColumns * chromaRows;
+        std::uint8_t* pairs = chromaScratch(4 * samples);
+        std::uint8_t *u = pairs + 2 * samples, *v = u + samples;
+        transposeSamples<2>(buffer + chromaBase, pitch, pairs, chromaRows, chromaRows, chromaColumns, false,
+                            SampleOp::Copy);
+        kernels().u8.deinterleave(pairs, u, v, samples);
+        widenChroma(u, chromaRows, out.plane[1], imageWidth, rows, 2);
+        widenChroma(v, chromaRows, out.plane[2], imageWidth, rows, 2);
+        return;
+    }
     const std::uint8_t* columnChroma = buffer + chromaBase;
     for (std::int64_t x = 0; x < w; ++x) {
         const std::uint8_t* luma = buffer + cp + x;

@@ -1,11 +1,10 @@
 #include <algorithm>
 #include <cstring>
-#include <vector>
 
+#include "frames/color/chroma.h"
 #include "frames/core/format_table.h"
 #include "frames/core/planes.h"
 #include "frames/core/transpose.h"
-#include "frames/kernels/kernels.h"
 #include "lumoframekit/color_frames.h"
 
 namespace lumoframekit {
@@ -83,29 +82,13 @@ void YUVPlanarFrame::getData(void** dest) {
     const auto w = static_cast<std::size_t>(width), rows = static_cast<std::size_t>(h);
     transposeSamples<1>(buffer + planes.at[Y], static_cast<std::size_t>(paddedWidth), out.plane[0], rows, rows, w,
                         false, SampleOp::Copy);
-    // Pixel (x, y) takes chroma sample (x / n, y / n), n the subsampling factor: each chroma column
-    // is transposed, widened to a whole column by repeating every sample n times, and copied to the
-    // other columns it covers.
     const auto n = static_cast<std::size_t>(factor);
     const std::size_t chromaColumns = (w + n - 1) / n, chromaRows = (rows + n - 1) / n;
-    thread_local std::vector<std::uint8_t> columns;
-    columns.resize(chromaColumns * chromaRows);
-    const auto interleave = kernels().u8.interleave;
+    std::uint8_t* columns = chromaScratch(chromaColumns * chromaRows);
     for (PlaneId id : {U, V}) {
-        std::uint8_t* target = out.plane[id == U ? 1 : 2];
-        transposeSamples<1>(buffer + planes.at[id], static_cast<std::size_t>(chromaRow), columns.data(), chromaRows,
+        transposeSamples<1>(buffer + planes.at[id], static_cast<std::size_t>(chromaRow), columns, chromaRows,
                             chromaRows, chromaColumns, false, SampleOp::Copy);
-        for (std::size_t k = 0; k < chromaColumns; ++k) {
-            const std::uint8_t* column = columns.data() + k * chromaRows;
-            std::uint8_t* first = target + k * n * rows;
-            if (n == 2) {
-                interleave(column, column, first, rows / 2);
-                if (rows % 2 == 1) first[rows - 1] = column[rows / 2];
-            } else {
-                for (std::size_t y = 0; y < rows; ++y) first[y] = column[y / n];
-            }
-            for (std::size_t j = 1; j < n && k * n + j < w; ++j) std::memcpy(first + j * rows, first, rows);
-        }
+        widenChroma(columns, chromaRows, out.plane[id == U ? 1 : 2], w, rows, n);
     }
 }
 
