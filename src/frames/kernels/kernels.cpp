@@ -34,16 +34,20 @@ constexpr SampleKernels<T> sampleKernels() {
             .mergeRows = kLoneStores ? mergeRowsKernel<T> : nullptr};
 }
 
+template <std::size_t... Packings>
+Kernels tableOf(std::index_sequence<Packings...>) {
+    return {.name = hwy::TargetName(HWY_TARGET),
+            .vectorBits = HWY_TARGET == HWY_EMU128 ? 0 : static_cast<int>(8 * hn::MaxLanes(Bytes())),
+            .transpose = {transposeSamplesKernel<1>, transposeSamplesKernel<2>, transposeSamplesKernel<4>,
+                          transposeSamplesKernel<8>},
+            .splitInterleaved = splitInterleavedKernel,
+            .unpack = {unpackKernel<kPackings[Packings].packing>...},
+            .u8 = sampleKernels<std::uint8_t>(),
+            .u16 = sampleKernels<std::uint16_t>()};
+}
+
 const Kernels* targetKernels() {
-    static const Kernels table{.name = hwy::TargetName(HWY_TARGET),
-                               .vectorBits = HWY_TARGET == HWY_EMU128 ? 0 : static_cast<int>(8 * hn::MaxLanes(Bytes())),
-                               .transpose = {transposeSamplesKernel<1>, transposeSamplesKernel<2>,
-                                             transposeSamplesKernel<4>, transposeSamplesKernel<8>},
-                               .splitInterleaved = splitInterleavedKernel,
-                               .unpack = {unpackKernel<Packing::Ten2in3>, unpackKernel<Packing::Twelve2in3>,
-                                          unpackKernel<Packing::Twelve2in3LsbFirst>, unpackKernel<Packing::Ten4in5>},
-                               .u8 = sampleKernels<std::uint8_t>(),
-                               .u16 = sampleKernels<std::uint16_t>()};
+    static const Kernels table = tableOf(std::make_index_sequence<std::size(kPackings)>{});
     return &table;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "frames/core/transpose.h"
+#include "frames/mono/packings.h"
 
 namespace lumoframekit {
 
@@ -42,9 +43,10 @@ struct Kernels {
     void (*splitInterleaved)(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
                              std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]);
     // Unpacks pixels [first, first + width) of every row of a packed image into a column-major
-    // array, by packing (the Packing enumerators' order). Reads stay before end.
-    void (*unpack[4])(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end, std::size_t rowBytes,
-                      std::size_t first, std::size_t width, std::size_t height);
+    // array, by the packing's row in kPackings. Reads stay before end.
+    void (*unpack[std::size(kPackings)])(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end,
+                                         std::size_t rowBytes, std::size_t first, std::size_t width,
+                                         std::size_t height);
     SampleKernels<std::uint8_t> u8;
     SampleKernels<std::uint16_t> u16;
 

@@ -101,16 +101,15 @@ std::uint8_t* PackedMonochromeFrame::copyRegionToBuffer(const std::uint8_t* src,
 
 void PackedMonochromeFrame::getData(void** dest) {
     if (!isBufferAllocated() || dest == nullptr || dest[0] == nullptr || width < 1 || height < 1) return;
-    const Packing packing = packingOf(bitsPerBand, lsbFirst).packing;
+    const PackingFacts& facts = packingOf(bitsPerBand, lsbFirst);
     const std::size_t rowBytes = static_cast<std::size_t>(paddedWidth() * bytesPerGroup / pixelsPerGroup);
     const std::size_t first = leadPad;
     const std::size_t w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
     // Every byte the unpacking reads must lie in the buffer or its zeroed slack.
-    const std::size_t lastRead = (h - 1) * rowBytes + byteOfPixel(packing, first + w - 1) + 1;
+    const std::size_t lastRead = (h - 1) * rowBytes + byteOfPixel(facts.packing, first + w - 1) + 1;
     if (lastRead >= allocatedSize + bufferSlack) return;
     const std::uint8_t* end = buffer + allocatedSize + bufferSlack;
-    kernels().unpack[static_cast<int>(packing)](static_cast<std::uint16_t*>(dest[0]), buffer, end, rowBytes, first, w,
-                                                h);
+    kernels().unpack[&facts - kPackings](static_cast<std::uint16_t*>(dest[0]), buffer, end, rowBytes, first, w, h);
 }
 
 }  // namespace lumoframekit
