@@ -5,6 +5,7 @@
 #include "frames/color/tiling.h"
 #include "frames/core/format_table.h"
 #include "frames/core/planes.h"
+#include "frames/kernels/kernels.h"
 #include "lumoframekit/color_frames.h"
 
 namespace lumoframekit {
@@ -49,25 +50,6 @@ constexpr Rgb24Format noFormat = {0, 0, 0, false, {}};
 const Rgb24Format& formatOf(std::int32_t subtype) {
     const Rgb24Format* row = rowOf(rgb24Formats, subtype);
     return row != nullptr ? *row : noFormat;
-}
-
-template <int SampleBytes>
-void convertTile(const Rgb24Format& f, const Planes& out, const std::uint8_t* src, std::int64_t stride,
-                 std::int64_t height, bool bottomUp, std::int64_t x0, std::int64_t x1, std::int64_t y0,
-                 std::int64_t y1) {
-    for (int c = 0; c < 3; ++c) {
-        std::uint8_t* plane = out.plane[c];
-        const std::uint8_t lo = f.offsets[c][0], hi = f.offsets[c][1];
-        for (std::int64_t x = x0; x < x1; ++x) {
-            const std::uint8_t* column = src + x * f.bytesPerPixel;
-            std::uint8_t* target = plane + (x * height + y0) * SampleBytes;
-            for (std::int64_t y = y0; y < y1; ++y, target += SampleBytes) {
-                const std::uint8_t* pixel = column + (bottomUp ? height - 1 - y : y) * stride;
-                target[0] = pixel[lo];
-                if constexpr (SampleBytes == 2) target[1] = pixel[hi];
-            }
-        }
-    }
 }
 
 }  // namespace
@@ -122,13 +104,13 @@ void RGB24Frame::convert(void** dest, const std::uint8_t* src) const {
                          static_cast<std::size_t>(height), bottomUp == 1, block, out.plane);
         return;
     }
-    const Tiling tiling{tiled, tileColumns, tileRows};
-    forEachTile(width, height, tiling, [&](std::int64_t x0, std::int64_t x1, std::int64_t y0, std::int64_t y1) {
-        if (f.bytesPerSample == 1)
-            convertTile<1>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
-        else
-            convertTile<2>(f, out, src, stride, height, bottomUp == 1, x0, x1, y0, y1);
-    });
+    // 16-bit samples: the image transposed as rows of samples, each pixel's samples routed to
+    // their planes, big-endian ones swapped into host order.
+    std::uint8_t* bySample[3];
+    for (int c = 0; c < 3; ++c) bySample[f.offsets[c][0] / 2] = out.plane[c];
+    const SampleOp op = f.offsets[0][0] > f.offsets[0][1] ? SampleOp::ByteSwap : SampleOp::Copy;
+    kernels().transposePixels(src, static_cast<std::size_t>(stride), bySample, static_cast<std::size_t>(height),
+                              static_cast<std::size_t>(width), bottomUp == 1, op);
 }
 
 void RGB24Frame::getData(void** dest) {

@@ -40,6 +40,7 @@ Kernels tableOf(std::index_sequence<Packings...>) {
             .vectorBits = HWY_TARGET == HWY_EMU128 ? 0 : static_cast<int>(8 * hn::MaxLanes(Bytes())),
             .transpose = {transposeSamplesKernel<1>, transposeSamplesKernel<2>, transposeSamplesKernel<4>,
                           transposeSamplesKernel<8>},
+            .transposePixels = transposePixelsKernel,
             .splitInterleaved = splitInterleavedKernel,
             .unpack = {unpackKernel<kPackings[Packings].packing>...},
             .u8 = sampleKernels<std::uint8_t>(),

@@ -39,6 +39,10 @@ struct Kernels {
     // transposeSamples, by log2 of the sample bytes.
     void (*transpose[4])(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
                          std::size_t rows, std::size_t cols, bool flipRows, SampleOp op);
+    // Pixels of three 16-bit samples (rows srcRowBytes apart): sample s of each pixel goes to
+    // column-major plane s, with the row order and sample operation of transposeSamples.
+    void (*transposePixels)(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* const planes[3],
+                            std::size_t rows, std::size_t pixels, bool flipRows, SampleOp op);
     // splitInterleaved.
     void (*splitInterleaved)(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
                              std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]);

@@ -111,29 +111,30 @@ inline hwy::UnsignedFromSize<N> swapped(hwy::UnsignedFromSize<N> v) {
     return v;
 }
 
-// The plain loop, over rows [r0, r1) and columns [c0, c1) of the image.
-template <int N>
-void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
-                   std::size_t rows, std::size_t r0, std::size_t r1, std::size_t c0, std::size_t c1, bool flip,
-                   SampleOp op) {
+// The plain loop, over rows [r0, r1) and columns [c0, c1) of the image; column c of the
+// destination starts at columnAt(c).
+template <int N, class ColumnAt>
+void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt columnAt, std::size_t rows,
+                   std::size_t r0, std::size_t r1, std::size_t c0, std::size_t c1, bool flip, SampleOp op) {
     using U = hwy::UnsignedFromSize<N>;
-    for (std::size_t c = c0; c < c1; ++c)
+    for (std::size_t c = c0; c < c1; ++c) {
+        std::uint8_t* column = columnAt(c);
         for (std::size_t r = r0; r < r1; ++r) {
             U v;
             std::memcpy(&v, src + (flip ? rows - 1 - r : r) * srcRowBytes + c * N, N);
             if (op == SampleOp::ByteSwap) v = swapped<N>(v);
             if (op == SampleOp::Complement) v = static_cast<U>(~v);
-            std::memcpy(dst + (c * dstColumn + r) * N, &v, N);
+            std::memcpy(column + r * N, &v, N);
         }
+    }
 }
 
 // Blocks of V rows by one vector of each row, from column `from` on: each transposed vector gives
 // one column piece per 16-byte block. Strips one cache line of each source row wide are walked
 // down the whole image. Returns the columns done.
-template <int N, class D>
-std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst,
-                              std::size_t dstColumn, std::size_t rows, std::size_t from, std::size_t cols, bool flip,
-                              SampleOp op) {
+template <int N, class D, class ColumnAt>
+std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt columnAt,
+                              std::size_t rows, std::size_t from, std::size_t cols, bool flip, SampleOp op) {
     constexpr std::size_t V = 16 / N, blockColumns = blocksOf<D>() * V;
     constexpr std::size_t stripColumns = std::max<std::size_t>(64 / N, blockColumns);
     const std::size_t fullRows = rows / V * V, fullCols = from + (cols - from) / blockColumns * blockColumns;
@@ -152,7 +153,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                     if (op == SampleOp::Complement) v[k] = hn::Not(v[k]);
                     if (N > 1 && op == SampleOp::ByteSwap) v[k] = hn::TableLookupBytes(v[k], swapOrder);
                     forEachBlock(d, v[k], [&](std::size_t q, BlockVector piece) {
-                        std::uint8_t* at = dst + ((c0 + q * V + k) * dstColumn + r0) * N;
+                        std::uint8_t* at = columnAt(c0 + q * V + k) + r0 * N;
                         // Wide samples fill whole output lines a column at a time: streamed past
                         // the cache, they leave it to the source rows.
                         if (N == 8 && reinterpret_cast<std::uintptr_t>(at) % 16 == 0)
@@ -167,17 +168,32 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     return fullCols;
 }
 
+// The blocks at the widest width, the columns right of them on single blocks, then the plain
+// loop for what no block fills.
+template <int N, class ColumnAt>
+void transposeColumns(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt columnAt, std::size_t rows,
+                      std::size_t cols, bool flip, SampleOp op) {
+    std::size_t done = transposeBlocksOf<N>(Bytes(), src, srcRowBytes, columnAt, rows, 0, cols, flip, op);
+    if constexpr (blocksOf<Bytes>() > 1)
+        done = transposeBlocksOf<N>(Block(), src, srcRowBytes, columnAt, rows, done, cols, flip, op);
+    const std::size_t fullRows = rows / (16 / N) * (16 / N);
+    transposeLoop<N>(src, srcRowBytes, columnAt, rows, fullRows, rows, 0, cols, flip, op);
+    transposeLoop<N>(src, srcRowBytes, columnAt, rows, 0, fullRows, done, cols, flip, op);
+}
+
 template <int N>
 void transposeSamplesKernel(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
                             std::size_t rows, std::size_t cols, bool flip, SampleOp op) {
-    std::size_t done = transposeBlocksOf<N>(Bytes(), src, srcRowBytes, dst, dstColumn, rows, 0, cols, flip, op);
-    // The columns right of the widest blocks on single blocks, then the plain loop for what no
-    // block fills.
-    if constexpr (blocksOf<Bytes>() > 1)
-        done = transposeBlocksOf<N>(Block(), src, srcRowBytes, dst, dstColumn, rows, done, cols, flip, op);
-    const std::size_t fullRows = rows / (16 / N) * (16 / N);
-    transposeLoop<N>(src, srcRowBytes, dst, dstColumn, rows, fullRows, rows, 0, cols, flip, op);
-    transposeLoop<N>(src, srcRowBytes, dst, dstColumn, rows, 0, fullRows, done, cols, flip, op);
+    transposeColumns<N>(
+        src, srcRowBytes, [=](std::size_t c) { return dst + c * dstColumn * N; }, rows, cols, flip, op);
+}
+
+// Pixels of three 16-bit samples: sample s of each pixel goes to plane s, one column per pixel.
+inline void transposePixelsKernel(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* const planes[3],
+                                  std::size_t rows, std::size_t pixels, bool flip, SampleOp op) {
+    std::uint8_t* const to[3] = {planes[0], planes[1], planes[2]};
+    transposeColumns<2>(
+        src, srcRowBytes, [=](std::size_t c) { return to[c % 3] + c / 3 * rows * 2; }, rows, 3 * pixels, flip, op);
 }
 
 // Whole output lines (64 bytes) of each column from columns `from` on: each line gathers the
