@@ -3,19 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <vector>
 
 #include "frames/kernels/kernels.h"
 
 namespace lumoframekit {
-
-// Scratch memory of the calling thread, kept between frames so that a stream of them reuses its
-// pages.
-inline std::uint8_t* chromaScratch(std::size_t bytes) {
-    thread_local std::vector<std::uint8_t> scratch;
-    if (scratch.size() < bytes) scratch.resize(bytes);
-    return scratch.data();
-}
 
 // Pixel (x, y) of a width x rows plane takes sample (x / n, y / n) of the subsampled plane, whose
 // columns of chromaRows samples lie back to back in `columns`: each column is widened by repeating

@@ -58,7 +58,7 @@ void YUVHybridFrame::getData(void** dest) {
         transposeSamples<1>(buffer, pitch, out.plane[0], rows, rows, imageWidth, false, SampleOp::Copy);
         const std::size_t chromaColumns = (imageWidth + 1) / 2, chromaRows = (rows + 1) / 2;
         const std::size_t samples = chromaColumns * chromaRows;
-        std::uint8_t* pairs = chromaScratch(4 * samples);
+        std::uint8_t* pairs = threadScratch(4 * samples);
         std::uint8_t *u = pairs + 2 * samples, *v = u + samples;
         transposeSamples<2>(buffer + chromaBase, pitch, pairs, chromaRows, chromaRows, chromaColumns, false,
                             SampleOp::Copy);

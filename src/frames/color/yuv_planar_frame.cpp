@@ -84,7 +84,7 @@ void YUVPlanarFrame::getData(void** dest) {
                         false, SampleOp::Copy);
     const auto n = static_cast<std::size_t>(factor);
     const std::size_t chromaColumns = (w + n - 1) / n, chromaRows = (rows + n - 1) / n;
-    std::uint8_t* columns = chromaScratch(chromaColumns * chromaRows);
+    std::uint8_t* columns = threadScratch(chromaColumns * chromaRows);
     for (PlaneId id : {U, V}) {
         transposeSamples<1>(buffer + planes.at[id], static_cast<std::size_t>(chromaRow), columns, chromaRows,
                             chromaRows, chromaColumns, false, SampleOp::Copy);

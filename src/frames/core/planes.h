@@ -1,5 +1,7 @@
 #pragma once
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace lumoframekit {
 
@@ -46,6 +48,14 @@ inline std::int64_t alignedRows(std::int64_t rowBytes, std::int64_t rows) {
 // Rows of three bytes per pixel, padded as above.
 inline std::int64_t alignedPixelRows(std::int32_t width, std::int32_t height) {
     return alignedRows(static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3u), height);
+}
+
+// Scratch memory of the calling thread for one conversion at a time, kept between frames so that
+// a stream of them reuses its pages.
+inline std::uint8_t* threadScratch(std::size_t bytes) {
+    thread_local std::vector<std::uint8_t> scratch;
+    if (scratch.size() < bytes) scratch.resize(bytes);
+    return scratch.data();
 }
 
 }  // namespace lumoframekit

@@ -20,6 +20,7 @@
 #include "frames/kernels/packed-inl.h"
 #include "frames/kernels/sites-inl.h"
 #include "frames/kernels/transpose-inl.h"
+#include "frames/kernels/words-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace lumoframekit {
@@ -41,6 +42,8 @@ Kernels tableOf(std::index_sequence<Packings...>) {
             .transpose = {transposeSamplesKernel<1>, transposeSamplesKernel<2>, transposeSamplesKernel<4>,
                           transposeSamplesKernel<8>},
             .transposePixels = transposePixelsKernel,
+            .unpackWords16 = unpackWordsKernel<std::uint16_t, std::uint8_t>,
+            .unpackWords32 = unpackWordsKernel<std::uint32_t, std::uint16_t>,
             .splitInterleaved = splitInterleavedKernel,
             .unpack = {unpackKernel<kPackings[Packings].packing>...},
             .u8 = sampleKernels<std::uint8_t>(),

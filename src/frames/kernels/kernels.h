@@ -17,6 +17,14 @@ template <typename T>
 struct BayerTBBTask;
 }
 
+// A field of a packed word: the bits under mask, shifted right by shift (left when negative).
+struct WordField {
+    std::uint32_t mask;
+    std::int32_t shift;
+};
+// The two fields whose OR is each of the three channels.
+using WordFields = WordField[3][2];
+
 template <typename T>
 struct SampleKernels {
     // Every site of the task's kind.
@@ -43,6 +51,11 @@ struct Kernels {
     // column-major plane s, with the row order and sample operation of transposeSamples.
     void (*transposePixels)(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* const planes[3],
                             std::size_t rows, std::size_t pixels, bool flipRows, SampleOp op);
+    // Unpacks count packed words into three runs of samples (see WordFields).
+    void (*unpackWords16)(const std::uint16_t* words, std::size_t count, const WordFields& fields,
+                          std::uint8_t* const out[3]);
+    void (*unpackWords32)(const std::uint32_t* words, std::size_t count, const WordFields& fields,
+                          std::uint16_t* const out[3]);
     // splitInterleaved.
     void (*splitInterleaved)(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
                              std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]);
