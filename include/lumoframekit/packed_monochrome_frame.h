@@ -36,6 +36,7 @@ public:
     const FrameDims* getDimensions() const override;
 
 private:
+    friend bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool rowMajor);
     std::int32_t padUnit() const;
     std::int64_t paddedWidth() const;
 

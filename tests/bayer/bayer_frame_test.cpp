@@ -4,6 +4,7 @@
 #include <memory>
 #include <random>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 #include "frames/bayer/bayer_util.h"
@@ -88,6 +89,34 @@ TEST(BayerFrame, PackedMosaicsDemosaicLikeTheirUnpackedValues) {
     EXPECT_EQ(mosaic[0], 0xDAB);
     EXPECT_EQ(mosaic[2], 0xEFC);  // column 1, row 0
     delete[] static_cast<std::uint8_t*>(raw);
+}
+
+// Packed mosaics of every packing, whole and from regions that start inside a packing group,
+// demosaic as their unpacked values do: the mosaic as the host reads it, demosaiced directly.
+TEST(BayerFrame, PackedMosaicsOfEveryPackingDemosaicAsTheirValues) {
+    std::mt19937 rng(21);
+    for (std::uint32_t code : {0x06030017u, 0x0603001Bu, 0x0603001Fu, 0x06030023u})  // RGGB: 10, 12, 10 and 12 lsb
+        for (auto [w, h, x] : {std::tuple{70, 37, 0u}, {130, 66, 0u}, {41, 9, 1u}, {66, 20, 3u}}) {
+            SCOPED_TRACE(::testing::Message() << std::hex << code << std::dec << " " << w << "x" << h << " at " << x);
+            const std::uint32_t sw = static_cast<std::uint32_t>(w) + 8;
+            FramePtr source = make(code, static_cast<int>(sw), h);
+            const auto bytes = noise(source->getBufferSize(), rng);
+            FramePtr frame = make(code, w, h);
+            ASSERT_NE(frame->copyRegionToBuffer(bytes.data(), sw, static_cast<std::uint32_t>(h), x, 0), nullptr);
+            FrameDims dims{};
+            void* raw = nullptr;
+            frame->getDataInColorSpace(&raw, &dims, 1, nullptr, 0, nullptr);
+            ASSERT_NE(raw, nullptr);
+            const std::size_t n = static_cast<std::size_t>(w) * h;
+            std::vector<std::uint16_t> expect(3 * n), out(3 * n);
+            BayerUtil::demosaic16(
+                static_cast<std::uint16_t*>(raw), expect.data(), expect.data() + n, expect.data() + 2 * n, n,
+                {static_cast<std::uint32_t>(h), static_cast<std::uint32_t>(w)}, 4, frame->getBitsPerBand() & 0xFFu);
+            delete[] static_cast<std::uint8_t*>(raw);
+            void* one[] = {out.data(), nullptr};
+            frame->getData(one);
+            EXPECT_EQ(out, expect);
+        }
 }
 
 TEST(BayerFrame, LimiterReachesTheInnerFrame) {

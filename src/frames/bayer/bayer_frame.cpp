@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "frames/bayer/bayer_util.h"
+#include "frames/core/planes.h"
 #include "frames/core/transpose.h"
 #include "lumoframekit/monochrome_frame.h"
 #include "lumoframekit/packed_monochrome_frame.h"
@@ -98,6 +99,17 @@ void BayerFrame::getData(void** dest) {
             BayerUtil::demosaicRows16(reinterpret_cast<const std::uint16_t*>(rows->buffer), dims.width,
                                       static_cast<std::uint16_t*>(planes[0]), static_cast<std::uint16_t*>(planes[1]),
                                       static_cast<std::uint16_t*>(planes[2]), size, alignment, bits);
+        return;
+    }
+
+    // Packed samples are unpacked into rows, in working memory kept by the thread, and demosaiced
+    // from them the same way; a mosaic the inner frame cannot deliver demosaics as black.
+    if (const auto* packed = dynamic_cast<const PackedMonochromeFrame*>(inner); packed != nullptr) {
+        auto* rows = reinterpret_cast<std::uint16_t*>(threadScratch(pixels * sizeof(std::uint16_t)));
+        if (!unpackPacked(*packed, rows, true)) std::memset(rows, 0, pixels * sizeof(std::uint16_t));
+        BayerUtil::demosaicRows16(rows, dims.width, static_cast<std::uint16_t*>(planes[0]),
+                                  static_cast<std::uint16_t*>(planes[1]), static_cast<std::uint16_t*>(planes[2]), size,
+                                  alignment, bits);
         return;
     }
 

@@ -46,6 +46,7 @@ Kernels tableOf(std::index_sequence<Packings...>) {
             .unpackWords32 = unpackWordsKernel<std::uint32_t, std::uint16_t>,
             .splitInterleaved = splitInterleavedKernel,
             .unpack = {unpackKernel<kPackings[Packings].packing>...},
+            .unpackRows = {unpackRowsKernel<kPackings[Packings].packing>...},
             .u8 = sampleKernels<std::uint8_t>(),
             .u16 = sampleKernels<std::uint16_t>()};
 }

@@ -64,6 +64,10 @@ struct Kernels {
     void (*unpack[std::size(kPackings)])(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end,
                                          std::size_t rowBytes, std::size_t first, std::size_t width,
                                          std::size_t height);
+    // The same into a row-major array, rows width samples apart.
+    void (*unpackRows[std::size(kPackings)])(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end,
+                                             std::size_t rowBytes, std::size_t first, std::size_t width,
+                                             std::size_t height);
     SampleKernels<std::uint8_t> u8;
     SampleKernels<std::uint16_t> u16;
 

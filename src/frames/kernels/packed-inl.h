@@ -79,9 +79,8 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
     const std::size_t decoded = first + width, fullRows = height / 8 * 8;
     std::size_t columns = from;
     if (fullRows > 0) {
-        const std::uint8_t* lastRow = buffer + (fullRows - 1) * rowBytes;
-        while (columns + blockColumns <= decoded && lastRow + (columns / 8 + B - 1) * G + 16 <= end)
-            columns += blockColumns;
+        const auto readable = static_cast<std::size_t>(end - (buffer + (fullRows - 1) * rowBytes));
+        while (columns + blockColumns <= decoded && (columns / 8 + B - 1) * G + 16 <= readable) columns += blockColumns;
     }
     for (std::size_t r0 = 0; r0 < fullRows; r0 += 8) {
         const std::uint8_t* rows = buffer + r0 * rowBytes;
@@ -118,6 +117,27 @@ void unpackKernel(std::uint16_t* out, const std::uint8_t* buffer, const std::uin
     for (std::size_t r = fullRows; r < height; ++r)
         for (std::size_t c = first; c < decoded; ++c)
             out[(c - first) * height + r] = decode<P>(buffer + r * rowBytes + byteOfPixel(P, c), c);
+}
+
+// The same into a row-major array: row r's pixels [first, first + width) at out + r * width.
+template <Packing P>
+void unpackRowsKernel(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end, std::size_t rowBytes,
+                      std::size_t first, std::size_t width, std::size_t height) {
+    const hn::ScalableTag<std::uint16_t> d16;
+    constexpr std::size_t G = eightPixelBytes<P>, B = blocksOf<decltype(d16)>(), blockColumns = 8 * B;
+    const std::size_t decoded = first + width;
+    // A lead pad shifts the row: its first block is decoded a pixel at a time.
+    const std::size_t start = first == 0 ? 0 : blockColumns;
+    for (std::size_t r = 0; r < height; ++r) {
+        const std::uint8_t* row = buffer + r * rowBytes;
+        std::uint16_t* to = out + r * width - first;  // to + c is pixel c's place, c >= first
+        const auto readable = static_cast<std::size_t>(end - row);
+        std::size_t c = start;
+        for (; c + blockColumns <= decoded && (c / 8 + B - 1) * G + 16 <= readable; c += blockColumns)
+            hn::StoreU(decodeBlocks<P>(d16, row + c / 8 * G), d16, to + c);
+        for (std::size_t p = first; p < std::min(start, decoded); ++p) to[p] = decode<P>(row + byteOfPixel(P, p), p);
+        for (; c < decoded; ++c) to[c] = decode<P>(row + byteOfPixel(P, c), c);
+    }
 }
 
 }  // namespace HWY_NAMESPACE

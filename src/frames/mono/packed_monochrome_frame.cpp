@@ -99,17 +99,27 @@ std::uint8_t* PackedMonochromeFrame::copyRegionToBuffer(const std::uint8_t* src,
     return target;
 }
 
-void PackedMonochromeFrame::getData(void** dest) {
-    if (!isBufferAllocated() || dest == nullptr || dest[0] == nullptr || width < 1 || height < 1) return;
-    const PackingFacts& facts = packingOf(bitsPerBand, lsbFirst);
-    const std::size_t rowBytes = static_cast<std::size_t>(paddedWidth() * bytesPerGroup / pixelsPerGroup);
-    const std::size_t first = leadPad;
-    const std::size_t w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
+// Every pixel of the frame as 16-bit values, column-major or row-major; false (and nothing
+// written) when the frame holds no image or its buffer does not hold every byte the unpacking
+// reads.
+bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool rowMajor) {
+    if (!frame.isBufferAllocated() || out == nullptr || frame.width < 1 || frame.height < 1) return false;
+    const PackingFacts& facts = packingOf(frame.bitsPerBand, frame.lsbFirst);
+    const auto rowBytes = static_cast<std::size_t>(frame.paddedWidth() * frame.bytesPerGroup / frame.pixelsPerGroup);
+    const std::size_t first = frame.leadPad;
+    const auto w = static_cast<std::size_t>(frame.width), h = static_cast<std::size_t>(frame.height);
     // Every byte the unpacking reads must lie in the buffer or its zeroed slack.
     const std::size_t lastRead = (h - 1) * rowBytes + byteOfPixel(facts.packing, first + w - 1) + 1;
-    if (lastRead >= allocatedSize + bufferSlack) return;
-    const std::uint8_t* end = buffer + allocatedSize + bufferSlack;
-    kernels().unpack[&facts - kPackings](static_cast<std::uint16_t*>(dest[0]), buffer, end, rowBytes, first, w, h);
+    const std::uint64_t readable = frame.allocatedSize + frame.bufferSlack;
+    if (lastRead >= readable) return false;
+    const std::uint8_t* end = frame.buffer + readable;
+    const Kernels& k = kernels();
+    (rowMajor ? k.unpackRows : k.unpack)[&facts - kPackings](out, frame.buffer, end, rowBytes, first, w, h);
+    return true;
+}
+
+void PackedMonochromeFrame::getData(void** dest) {
+    if (dest != nullptr) unpackPacked(*this, static_cast<std::uint16_t*>(dest[0]), false);
 }
 
 }  // namespace lumoframekit
