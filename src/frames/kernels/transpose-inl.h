@@ -153,18 +153,11 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                     if (op == SampleOp::Complement) v[k] = hn::Not(v[k]);
                     if (N > 1 && op == SampleOp::ByteSwap) v[k] = hn::TableLookupBytes(v[k], swapOrder);
                     forEachBlock(d, v[k], [&](std::size_t q, BlockVector piece) {
-                        std::uint8_t* at = columnAt(c0 + q * V + k) + r0 * N;
-                        // Wide samples fill whole output lines a column at a time: streamed past
-                        // the cache, they leave it to the source rows.
-                        if (N == 8 && reinterpret_cast<std::uintptr_t>(at) % 16 == 0)
-                            hn::Stream(piece, Block(), at);
-                        else
-                            hn::StoreU(piece, Block(), at);
+                        hn::StoreU(piece, Block(), columnAt(c0 + q * V + k) + r0 * N);
                     });
                 }
             }
     }
-    hwy::FlushStream();
     return fullCols;
 }
 
