@@ -111,18 +111,18 @@ PaddedMosaic<T> paddedStorage(Workspace& workspace, std::uint64_t height, std::u
     return {padded, padded + half, stride};
 }
 
-// Writes the padded mosaic. fill(even, odd, stride) writes padded columns 2 to width + 1, rows 0
-// to height + 3 (image row y, column x at padded row y + 2, column x + 2); the columns either side
-// are reflected from them here.
+// Writes the padded mosaic with the demosaic's kernels k. fill(even, odd, stride, k) writes padded
+// columns 2 to width + 1, rows 0 to height + 3 (image row y, column x at padded row y + 2, column
+// x + 2); the columns either side are reflected from them here.
 template <typename T, typename Fill>
-void fillPadded(const PaddedMosaic<T>& padded, std::uint64_t width, Fill fill) {
+void fillPadded(const PaddedMosaic<T>& padded, std::uint64_t width, const SampleKernels<T>& k, Fill fill) {
     T* even = const_cast<T*>(padded.even);
     T* odd = const_cast<T*>(padded.odd);
     const std::uint64_t stride = padded.stride, half = stride * (width + 4);
     // Vector reads run past a column's last site into the next column or this slack: never into
     // memory that was not written.
     std::fill(even + 2 * half, even + 2 * half + paddedSlack, T{0});
-    fill(even, odd, stride);
+    fill(even, odd, stride, k);
     for (std::uint64_t p : {std::uint64_t{0}, std::uint64_t{1}, width + 2, width + 3}) {
         const std::uint64_t from = reflected(static_cast<std::int64_t>(p), static_cast<std::int64_t>(width)) + 2;
         std::memcpy(even + p * stride, even + from * stride, stride * sizeof(T));
@@ -133,12 +133,12 @@ void fillPadded(const PaddedMosaic<T>& padded, std::uint64_t width, Fill fill) {
 // From a column-major mosaic: each column split by row parity.
 template <typename T>
 auto fromColumns(const T* mosaic, std::uint64_t height, std::uint64_t width) {
-    return [=](T* even, T* odd, std::uint64_t stride) {
+    return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k) {
         for (std::uint64_t x = 0; x < width; ++x) {
             const T* source = mosaic + x * height;
             T* e = even + (x + 2) * stride + 1;
             T* o = odd + (x + 2) * stride + 1;
-            kernels().of<T>().deinterleave(source, e, o, height / 2);
+            k.deinterleave(source, e, o, height / 2);
             if (height % 2 == 1) e[height / 2] = source[height - 1];
             padColumnEnds(e - 1, o - 1, height);
         }
@@ -149,13 +149,12 @@ auto fromColumns(const T* mosaic, std::uint64_t height, std::uint64_t width) {
 // transposed straight into their half.
 template <typename T>
 auto fromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std::uint64_t width) {
-    return [=](T* even, T* odd, std::uint64_t stride) {
+    return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k) {
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(rows);
         const std::size_t rowBytes = rowSamples * sizeof(T);
         const std::uint64_t evenRows = (height + 1) / 2, oddRows = height / 2;
-        const auto intoLines = kernels().of<T>().transposeIntoLines;
-        intoLines(bytes, 2 * rowBytes, even + 2 * stride + 1, stride, evenRows, width);
-        intoLines(bytes + rowBytes, 2 * rowBytes, odd + 2 * stride + 1, stride, oddRows, width);
+        k.transposeIntoLines(bytes, 2 * rowBytes, even + 2 * stride + 1, stride, evenRows, width);
+        k.transposeIntoLines(bytes + rowBytes, 2 * rowBytes, odd + 2 * stride + 1, stride, oddRows, width);
         // The rows above and below, from the source rows they reflect: the streamed lines are not
         // read back.
         T* const halves[2] = {even, odd};

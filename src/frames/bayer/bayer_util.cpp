@@ -190,7 +190,7 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
             handOver(padded.even);
             group.run(task);
         }
-        fillPadded(padded, width, fill);
+        fillPadded(padded, width, k, fill);
         gate.state.store(PaddedGate::written, std::memory_order_release);
         group.wait();
         takeOver(padded.even);
