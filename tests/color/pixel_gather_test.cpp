@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "frames/color/pixel_gather.h"
+#include "frames/kernels/kernels.h"
 #include "vector_widths.h"
 
 using namespace lumoframekit;
@@ -50,15 +51,16 @@ PixelBlock blockOf(const Layout& layout) {
 
 }  // namespace
 
-// Every kernel width against a plain loop, over sizes with whole blocks, partial ones, or both;
-// the source ends right after the last sample it holds, so blocks reading further are split
-// sample by sample.
+// Every kernel width against a plain loop, over sizes with whole blocks, partial ones, or both,
+// the planes stored in place or streamed in bands of whole lines (several bands, the last one
+// partial), at an offset from a cache line or not; the source ends right after the last sample
+// it holds, so blocks reading further are split sample by sample.
 TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
     std::mt19937 rng(3);
     forEachVectorWidth([&](int bits) {
         for (const Layout& layout : layouts)
             for (auto [width, height] :
-                 {std::pair<std::size_t, std::size_t>{64, 48}, {70, 37}, {33, 16}, {5, 3}, {96, 17}})
+                 {std::pair<std::size_t, std::size_t>{64, 48}, {70, 37}, {33, 16}, {5, 3}, {96, 17}, {130, 300}})
                 for (bool flip : {false, true}) {
                     const std::size_t groups = (width + 15) / 16;
                     const std::size_t stride = groups * layout.blockBytes + 5;
@@ -76,13 +78,23 @@ TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
                                 expected[c * width * height + x * height + y] =
                                     row[x / 16 * layout.blockBytes + layout.byteOf(c, x % 16)];
                         }
-                    std::vector<std::uint8_t> out(expected.size(), 0xEE);
-                    std::uint8_t* const planes[3] = {out.data(), out.data() + width * height,
-                                                     out.data() + 2 * width * height};
-                    splitInterleaved(src.data(), stride, src.data() + src.size(), width, height, flip, blockOf(layout),
-                                     planes);
-                    EXPECT_EQ(out, expected) << layout.name << " " << width << "x" << height << (flip ? " flipped" : "")
-                                             << " vectors up to " << bits << " bits";
+                    for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed})
+                        for (std::size_t offset : {0, 7}) {
+                            std::vector<std::uint8_t> out(expected.size() + 128, 0xEE);
+                            std::uint8_t* const at = out.data() + 64 + offset;
+                            std::uint8_t* const planes[3] = {at, at + width * height, at + 2 * width * height};
+                            kernels().splitInterleaved(src.data(), stride, src.data() + src.size(), width, height, flip,
+                                                       blockOf(layout), planes, stores);
+                            EXPECT_EQ(std::vector<std::uint8_t>(at, at + expected.size()), expected)
+                                << layout.name << " " << width << "x" << height << (flip ? " flipped" : "")
+                                << (stores == ColumnStores::Streamed ? " streamed" : "") << " at offset " << offset
+                                << ", vectors up to " << bits << " bits";
+                            const auto guard = [](auto first, auto last) {
+                                return std::all_of(first, last, [](std::uint8_t b) { return b == 0xEE; });
+                            };
+                            EXPECT_TRUE(guard(out.begin(), out.begin() + 64 + static_cast<std::ptrdiff_t>(offset)));
+                            EXPECT_TRUE(guard(out.end() - 64 + static_cast<std::ptrdiff_t>(offset), out.end()));
+                        }
                 }
     });
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -26,22 +27,47 @@ std::vector<std::uint8_t> reference(const std::vector<std::uint8_t>& src, int n,
     return out;
 }
 
+// Every size against the definition, the columns stored in place or streamed in whole lines,
+// into a destination at every offset from a cache line that a host array may have. Streaming
+// takes bands of several lines of each column, carries the partial line between them, and
+// stores the first and last lines of each column plainly: the sizes cover several bands, a last
+// band that is partial, and columns that begin and end within lines; the guards around the
+// destination catch a store outside it.
 template <int N>
 void check(int vectorBits) {
     std::mt19937 rng(N);
-    for (auto [rows, cols] :
-         {std::pair<std::size_t, std::size_t>{1, 1}, {17, 33}, {16, 16}, {40, 7}, {3, 130}, {37, 140}, {64, 64}}) {
-        std::vector<std::uint8_t> src(rows * cols * N);
-        for (auto& b : src) b = static_cast<std::uint8_t>(rng());
-        for (bool flip : {false, true})
-            for (SampleOp op : {SampleOp::Copy, SampleOp::ByteSwap, SampleOp::Complement}) {
-                std::vector<std::uint8_t> out(src.size(), 0);
-                transposeSamples<N>(src.data(), cols * N, out.data(), rows, rows, cols, flip, op);
-                EXPECT_EQ(out, reference(src, N, rows, cols, flip, op))
-                    << N << " bytes " << rows << "x" << cols << (flip ? " flipped" : "") << " vectors up to "
-                    << vectorBits << " bits";
+    constexpr std::size_t guard = 64;
+    for (auto [rows, cols] : {std::pair<std::size_t, std::size_t>{1, 1},
+                              {17, 33},
+                              {16, 16},
+                              {40, 7},
+                              {3, 130},
+                              {37, 140},
+                              {64, 64},
+                              {613, 131},
+                              {300, 70}})
+        for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed})
+            for (std::size_t offset : {0, 16, 5}) {
+                std::vector<std::uint8_t> src(rows * cols * N);
+                for (auto& b : src) b = static_cast<std::uint8_t>(rng());
+                for (bool flip : {false, true})
+                    for (SampleOp op : {SampleOp::Copy, SampleOp::ByteSwap, SampleOp::Complement}) {
+                        std::vector<std::uint8_t> out(src.size() + 2 * guard + 64, 0xEE);
+                        std::uint8_t* const at = out.data() + guard + offset;
+                        transposeSamples<N>(src.data(), cols * N, at, rows, rows, cols, flip, op, stores);
+                        const std::vector<std::uint8_t> got(at, at + src.size());
+                        const auto untouched = [](auto first, auto last) {
+                            return std::all_of(first, last, [](std::uint8_t b) { return b == 0xEE; });
+                        };
+                        EXPECT_EQ(got, reference(src, N, rows, cols, flip, op))
+                            << N << " bytes " << rows << "x" << cols << (flip ? " flipped" : "")
+                            << (stores == ColumnStores::Streamed ? " streamed" : "") << " at offset " << offset
+                            << ", vectors up to " << vectorBits << " bits";
+                        EXPECT_TRUE(untouched(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(guard + offset)));
+                        EXPECT_TRUE(untouched(out.begin() + static_cast<std::ptrdiff_t>(guard + offset + src.size()),
+                                              out.end()));
+                    }
             }
-    }
 }
 
 }  // namespace

@@ -109,8 +109,9 @@ void RGB24Frame::convert(void** dest, const std::uint8_t* src) const {
     std::uint8_t* bySample[3];
     for (int c = 0; c < 3; ++c) bySample[f.offsets[c][0] / 2] = out.plane[c];
     const SampleOp op = f.offsets[0][0] > f.offsets[0][1] ? SampleOp::ByteSwap : SampleOp::Copy;
-    kernels().transposePixels(src, static_cast<std::size_t>(stride), bySample, static_cast<std::size_t>(height),
-                              static_cast<std::size_t>(width), bottomUp == 1, op);
+    const auto w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
+    kernels().transposePixels(src, static_cast<std::size_t>(stride), bySample, h, w, bottomUp == 1, op,
+                              columnStoresFor(6 * w * h));
 }
 
 void RGB24Frame::getData(void** dest) {

@@ -19,6 +19,8 @@ void HostAllocator::release(void* array) { delete[] static_cast<std::uint8_t*>(a
 
 namespace {
 
+constexpr std::align_val_t kBufferAlignment{64};
+
 std::uint64_t wrappedBufferSize(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel) {
     const std::uint32_t product = static_cast<std::uint32_t>(width) * static_cast<std::uint32_t>(height) *
                                   static_cast<std::uint32_t>(bytesPerPixel);
@@ -144,14 +146,15 @@ void LUMOFrame::takeBuffer(std::uint64_t size) {
     // sign-extended size) are refused as lack of memory without asking the allocator for them.
     constexpr std::uint64_t largestBuffer = std::uint64_t{1} << 40;
     if (size > largestBuffer) throw std::bad_alloc();
-    buffer = new std::uint8_t[size + bufferSlack];
+    // On whole cache lines, so that rows of a multiple of 64 bytes are read a line at a time.
+    buffer = static_cast<std::uint8_t*>(::operator new[](size + bufferSlack, kBufferAlignment));
     allocatedSize = size;
     std::memset(buffer + size, 0, bufferSlack);
 }
 
 void LUMOFrame::freeFrameBuffer() {
     if (buffer == nullptr) return;
-    delete[] buffer;
+    ::operator delete[](buffer, kBufferAlignment);
     buffer = nullptr;
     allocatedSize = 0;
     if (chargedLimiter != nullptr) chargedLimiter->decMemoryUsed(chargedBytes);

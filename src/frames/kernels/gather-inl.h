@@ -24,7 +24,7 @@ namespace HWY_NAMESPACE {
 // 16-byte piece of it is one sample of one pixel down the 16 rows: a column piece of its plane,
 // ready to store (a chroma sample shared by several pixels is stored to each of their columns).
 // Strips of at least 64 pixels are walked down the whole image, so the columns' cache lines fill
-// while they are still cached.
+// while they are still cached; large images go out in bands of whole lines instead.
 
 // The transposed block is kept as [vector][element][block]: the 16-byte blocks of a row that one
 // vector holds stay apart through the transpose.
@@ -111,17 +111,17 @@ inline GroupLayout groupLayout(const PixelBlock& block) {
     return {};
 }
 
-// One column piece of a block: where it lies in the transposed block, its plane, and the column
-// start of its pixel within that plane's part of the block.
+// One column piece of a block: where it lies in the transposed block, its plane, and its pixel
+// within the block.
 struct PieceStore {
     std::uint32_t from;
     std::uint32_t plane;
-    std::size_t offset;
+    std::size_t pixel;
 };
 
 inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end,
                                    std::size_t width, std::size_t height, bool flipRows, const PixelBlock& block,
-                                   std::uint8_t* const planes[3]) {
+                                   std::uint8_t* const planes[3], ColumnStores columnStores) {
     constexpr std::size_t chunks = blocksOf<Bytes>();  // 16-byte blocks per vector
     constexpr std::size_t blockPixels = 16 * chunks;
     const std::size_t vectors = (block.blockBytes + 15) / 16;
@@ -133,8 +133,7 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
         for (std::size_t i = 0; i < blockPixels; ++i) {
             const std::size_t b = i / 16 * block.blockBytes + block.byteOf[c][i % 16];
             const std::size_t vector = b / (16 * chunks), chunk = b / 16 % chunks, element = b % 16;
-            stores.push_back(
-                {static_cast<std::uint32_t>(((16 * vector + element) * chunks + chunk) * 16), c, i * height});
+            stores.push_back({static_cast<std::uint32_t>(((16 * vector + element) * chunks + chunk) * 16), c, i});
         }
     alignas(64) std::uint8_t transposed[4 * 16 * 64];
     // Where the group kernel stores each byte of a group: plane and pixel, or none.
@@ -159,35 +158,54 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     // the blocks do not cover, are left to the loop at the end.
     std::vector<std::size_t> bands(width / 16 + 1, 0);
     auto rowAt = [&](std::size_t y) { return src + (flipRows ? height - 1 - y : y) * stride; };
-    for (std::size_t s0 = 0; s0 < fullWidth; s0 += stripPixels) {
-        const std::size_t s1 = std::min(s0 + stripPixels, fullWidth);
-        for (std::size_t r0 = 0; r0 < fullRows; r0 += 16) {
-            const std::uint8_t* rows[16];
-            const std::uint8_t* furthest = nullptr;
-            for (std::size_t i = 0; i < 16; ++i) {
-                rows[i] = rowAt(r0 + i);
-                furthest = std::max(furthest, rows[i]);
-            }
-            for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
-                const std::size_t at = x0 / 16 * block.blockBytes;
-                if (furthest > end ||
-                    static_cast<std::size_t>(end - furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
-                    break;
-                if (groups.split != nullptr) {
-                    for (std::size_t k = 0; k < slots.size(); ++k)
-                        columnOf[k] =
-                            slots[k].plane < 0 ? nullptr : planes[slots[k].plane] + (x0 + slots[k].pixel) * height + r0;
-                    groups.split(rows, at, columnOf.data(), groups.pixels * height);
-                } else {
-                    transposeBlock(rows, at, vectors, transposed);
+    // The block of rows r0.. and pixels x0..: the column piece of pixel x0 + i of plane c goes to
+    // base[c] + i * columnBytes. False where the block would read past end.
+    auto splitBlock = [&](std::size_t r0, std::size_t x0, std::uint8_t* const base[3], std::size_t columnBytes) {
+        const std::uint8_t* rows[16];
+        const std::uint8_t* furthest = nullptr;
+        for (std::size_t i = 0; i < 16; ++i) {
+            rows[i] = rowAt(r0 + i);
+            furthest = std::max(furthest, rows[i]);
+        }
+        const std::size_t at = x0 / 16 * block.blockBytes;
+        if (furthest > end || static_cast<std::size_t>(end - furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
+            return false;
+        if (groups.split != nullptr) {
+            for (std::size_t k = 0; k < slots.size(); ++k)
+                columnOf[k] = slots[k].plane < 0 ? nullptr : base[slots[k].plane] + slots[k].pixel * columnBytes;
+            groups.split(rows, at, columnOf.data(), groups.pixels * columnBytes);
+        } else {
+            transposeBlock(rows, at, vectors, transposed);
+            for (const PieceStore& piece : stores)
+                hn::StoreU(hn::Load(Block(), transposed + piece.from), Block(),
+                           base[piece.plane] + piece.pixel * columnBytes);
+        }
+        for (std::size_t g = 0; g < chunks; ++g) ++bands[x0 / 16 + g];
+        return true;
+    };
+    if (columnStores == ColumnStores::Streamed && fullRows > 0) {
+        constexpr std::size_t bandBytes = 128;  // two lines of each column, three planes staged
+        streamBands<1, bandBytes>(
+            3, [&](std::size_t c, std::size_t x) { return planes[c] + x * height; }, fullRows, 0, fullWidth,
+            stripPixels,
+            [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                for (std::size_t r0 = b0; r0 < b1; r0 += 16)
+                    for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
+                        std::uint8_t* const base[3] = {stage + (x0 - s0) * bandBytes + (r0 - b0),
+                                                       stage + (stripPixels + x0 - s0) * bandBytes + (r0 - b0),
+                                                       stage + (2 * stripPixels + x0 - s0) * bandBytes + (r0 - b0)};
+                        if (!splitBlock(r0, x0, base, bandBytes)) break;
+                    }
+            });
+    } else {
+        for (std::size_t s0 = 0; s0 < fullWidth; s0 += stripPixels) {
+            const std::size_t s1 = std::min(s0 + stripPixels, fullWidth);
+            for (std::size_t r0 = 0; r0 < fullRows; r0 += 16)
+                for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
                     std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
                                                    planes[2] + x0 * height + r0};
-                    for (const PieceStore& piece : stores)
-                        hn::StoreU(hn::Load(Block(), transposed + piece.from), Block(),
-                                   base[piece.plane] + piece.offset);
+                    if (!splitBlock(r0, x0, base, height)) break;
                 }
-                for (std::size_t g = 0; g < chunks; ++g) ++bands[x0 / 16 + g];
-            }
         }
     }
     for (std::size_t x = 0; x < width; ++x) {

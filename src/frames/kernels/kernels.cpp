@@ -113,23 +113,24 @@ int limitVectorWidth(int bits) {
 
 template <int N>
 void transposeSamples(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
-                      std::size_t rows, std::size_t cols, bool flipRows, SampleOp op) {
+                      std::size_t rows, std::size_t cols, bool flipRows, SampleOp op, ColumnStores stores) {
     constexpr int index = N == 1 ? 0 : N == 2 ? 1 : N == 4 ? 2 : 3;
-    kernels().transpose[index](src, srcRowBytes, dst, dstColumn, rows, cols, flipRows, op);
+    kernels().transpose[index](src, srcRowBytes, dst, dstColumn, rows, cols, flipRows, op, stores);
 }
 
 template void transposeSamples<1>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t,
-                                  std::size_t, bool, SampleOp);
+                                  std::size_t, bool, SampleOp, ColumnStores);
 template void transposeSamples<2>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t,
-                                  std::size_t, bool, SampleOp);
+                                  std::size_t, bool, SampleOp, ColumnStores);
 template void transposeSamples<4>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t,
-                                  std::size_t, bool, SampleOp);
+                                  std::size_t, bool, SampleOp, ColumnStores);
 template void transposeSamples<8>(const std::uint8_t*, std::size_t, std::uint8_t*, std::size_t, std::size_t,
-                                  std::size_t, bool, SampleOp);
+                                  std::size_t, bool, SampleOp, ColumnStores);
 
 void splitInterleaved(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
                       std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]) {
-    kernels().splitInterleaved(src, stride, end, width, height, flipRows, block, planes);
+    kernels().splitInterleaved(src, stride, end, width, height, flipRows, block, planes,
+                               columnStoresFor(3 * std::uint64_t{width} * height));
 }
 
 }  // namespace lumoframekit

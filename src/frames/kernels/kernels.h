@@ -46,11 +46,11 @@ struct Kernels {
     int vectorBits;    // 0 for the portable build
     // transposeSamples, by log2 of the sample bytes.
     void (*transpose[4])(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
-                         std::size_t rows, std::size_t cols, bool flipRows, SampleOp op);
+                         std::size_t rows, std::size_t cols, bool flipRows, SampleOp op, ColumnStores stores);
     // Pixels of three 16-bit samples (rows srcRowBytes apart): sample s of each pixel goes to
     // column-major plane s, with the row order and sample operation of transposeSamples.
     void (*transposePixels)(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* const planes[3],
-                            std::size_t rows, std::size_t pixels, bool flipRows, SampleOp op);
+                            std::size_t rows, std::size_t pixels, bool flipRows, SampleOp op, ColumnStores stores);
     // Unpacks count packed words into three runs of samples (see WordFields).
     void (*unpackWords16)(const std::uint16_t* words, std::size_t count, const WordFields& fields,
                           std::uint8_t* const out[3]);
@@ -58,7 +58,8 @@ struct Kernels {
                           std::uint16_t* const out[3]);
     // splitInterleaved.
     void (*splitInterleaved)(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
-                             std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]);
+                             std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3],
+                             ColumnStores stores);
     // Unpacks pixels [first, first + width) of every row of a packed image into a column-major
     // array, by the packing's row in kPackings. Reads stay before end.
     void (*unpack[std::size(kPackings)])(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end,

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "frames/core/transpose.h"
 
@@ -129,34 +130,139 @@ void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt co
     }
 }
 
+// Large images go out in whole lines. A column-major write of a tall image touches a new page
+// for every column, and a line written 16 bytes at a time is read from memory first: so a tile
+// of a band of rows by a strip of columns is transposed into staging memory that stays in the
+// level-1 cache, and each column's part of the band then goes out as whole aligned 64-byte lines
+// with streaming stores. The up to 63 bytes of a column that end a band without finishing a line
+// are carried to the next band; a column's first and last partial lines take plain stores.
+
+// Staging memory of the calling thread, 64-byte aligned: `stage` bytes, then 64 for each of
+// `columns` columns' carried bytes.
+struct Staging {
+    std::uint8_t* stage;
+    std::uint8_t* carry;
+};
+inline Staging stagingFor(std::size_t stage, std::size_t columns) {
+    thread_local std::vector<std::uint8_t> memory;
+    const std::size_t bytes = stage + 64 * columns + 64;
+    if (memory.size() < bytes) memory.resize(bytes);
+    std::uint8_t* base = memory.data() + (64 - reinterpret_cast<std::uintptr_t>(memory.data()) % 64) % 64;
+    return {base, base + stage};
+}
+
+// Bytes [from, to) of the column starting at `column`, staged at `staged`: whole lines streamed,
+// the column's partial first line (first band) and last line (last band) stored plainly, and
+// the bytes of an unfinished line kept in `carry` (which holds those the band above left).
+// Bands other than the last are at least a line long.
+HWY_INLINE void streamColumnPart(std::uint8_t* column, std::size_t from, std::size_t to, const std::uint8_t* staged,
+                                 bool first, bool last, std::uint8_t* carry) {
+    const Bytes d;
+    auto lineAt = [](const std::uint8_t* at) { return reinterpret_cast<std::uintptr_t>(at) % 64; };
+    auto streamLine = [&](std::uint8_t* at, const std::uint8_t* line) {
+        for (std::size_t i = 0; i < 64; i += hn::Lanes(d)) hn::Stream(hn::LoadU(d, line + i), d, at + i);
+    };
+    std::uint8_t* const p = column + from;
+    std::uint8_t* const q = column + to;
+    std::uint8_t* w = p;
+    if (first) {
+        const std::size_t head = std::min<std::size_t>((64 - lineAt(p)) % 64, to - from);
+        std::memcpy(p, staged, head);
+        w = p + head;
+    } else if (lineAt(p) != 0) {
+        // The line the band above began: its bytes, then this band's.
+        const std::size_t carried = lineAt(p);
+        w = p - carried;
+        alignas(64) std::uint8_t line[64];
+        std::memcpy(line, carry, carried);
+        const std::size_t own = std::min<std::size_t>(64 - carried, to - from);
+        std::memcpy(line + carried, staged, own);
+        if (own + carried < 64) {  // the column ends within this line
+            std::memcpy(w, line, carried + own);
+            return;
+        }
+        streamLine(w, line);
+        w += 64;
+    }
+    for (; w + 64 <= q; w += 64) streamLine(w, staged + (w - p));
+    if (last)
+        std::memcpy(w, staged + (w - p), static_cast<std::size_t>(q - w));
+    else
+        std::memcpy(carry, staged + (w - p), static_cast<std::size_t>(q - w));
+}
+
+// Streams the columns of `planes` planes, column x of plane p starting at columnAt(p, x), over
+// rows [0, rows) and columns [from, cols): for each band of `bandRows` rows (bands outermost)
+// and strip of `strip` columns, tile(b0, b1, s0, s1, stage) stages the tile, column x of plane p
+// at stage + (p * strip + x - s0) * bandBytes, each row sampleBytes on; then each column's part
+// of the band is streamed.
+template <std::size_t sampleBytes, std::size_t bandBytes, class ColumnAt, class Tile>
+void streamBands(std::size_t planes, ColumnAt columnAt, std::size_t rows, std::size_t from, std::size_t cols,
+                 std::size_t strip, const Tile& tile) {
+    static_assert(bandBytes % 64 == 0 && bandBytes % 16 == 0);
+    constexpr std::size_t bandRows = bandBytes / sampleBytes;
+    const std::size_t columns = cols - from;
+    const Staging staging = stagingFor(planes * strip * bandBytes, planes * columns);
+    for (std::size_t b0 = 0; b0 < rows; b0 += bandRows) {
+        const std::size_t b1 = std::min(b0 + bandRows, rows);
+        for (std::size_t s0 = from; s0 < cols; s0 += strip) {
+            const std::size_t s1 = std::min(s0 + strip, cols);
+            tile(b0, b1, s0, s1, staging.stage);
+            for (std::size_t p = 0; p < planes; ++p)
+                for (std::size_t x = s0; x < s1; ++x)
+                    streamColumnPart(columnAt(p, x), b0 * sampleBytes, b1 * sampleBytes,
+                                     staging.stage + (p * strip + x - s0) * bandBytes, b0 == 0, b1 == rows,
+                                     staging.carry + 64 * (p * columns + x - from));
+        }
+    }
+    hwy::FlushStream();
+}
+
 // Blocks of V rows by one vector of each row, from column `from` on: each transposed vector gives
-// one column piece per 16-byte block. Strips one cache line of each source row wide are walked
-// down the whole image. Returns the columns done.
+// one column piece per 16-byte block. Small images are walked in strips one cache line of each
+// source row wide, down the whole image; large ones in bands of whole lines. Returns the columns
+// done.
 template <int N, class D, class ColumnAt>
 std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt columnAt,
-                              std::size_t rows, std::size_t from, std::size_t cols, bool flip, SampleOp op) {
+                              std::size_t rows, std::size_t from, std::size_t cols, bool flip, SampleOp op,
+                              ColumnStores stores) {
     constexpr std::size_t V = 16 / N, blockColumns = blocksOf<D>() * V;
     constexpr std::size_t stripColumns = std::max<std::size_t>(64 / N, blockColumns);
     const std::size_t fullRows = rows / V * V, fullCols = from + (cols - from) / blockColumns * blockColumns;
     alignas(16) std::uint8_t order[16];  // reverses the bytes of each sample
     for (std::size_t i = 0; i < 16; ++i) order[i] = static_cast<std::uint8_t>(i / N * N + (N - 1 - i % N));
     const auto swapOrder = hn::LoadDup128(d, order);
+    // The block at row r0, column c0: store(c, r0, piece) for each column piece.
+    auto block = [&](std::size_t r0, std::size_t c0, auto store) {
+        hn::VFromD<D> v[V];
+        for (std::size_t i = 0; i < V; ++i)
+            v[i] = hn::LoadU(d, src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + c0 * N);
+        transposeVectors<N>(d, v);
+        for (std::size_t k = 0; k < V; ++k) {
+            if (op == SampleOp::Complement) v[k] = hn::Not(v[k]);
+            if (N > 1 && op == SampleOp::ByteSwap) v[k] = hn::TableLookupBytes(v[k], swapOrder);
+            forEachBlock(d, v[k], [&](std::size_t q, BlockVector piece) { store(c0 + q * V + k, piece); });
+        }
+    };
+    if (stores == ColumnStores::Streamed) {
+        constexpr std::size_t bandBytes = 256;  // four lines of each column
+        streamBands<N, bandBytes>(
+            1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, from, fullCols, stripColumns,
+            [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                for (std::size_t r0 = b0; r0 < b1; r0 += V)
+                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                        block(r0, c0, [&](std::size_t c, BlockVector piece) {
+                            hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
+                        });
+            });
+        return fullCols;
+    }
     for (std::size_t s0 = from; s0 < fullCols; s0 += stripColumns) {
         const std::size_t s1 = std::min(s0 + stripColumns, fullCols);
         for (std::size_t r0 = 0; r0 < fullRows; r0 += V)
-            for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
-                hn::VFromD<D> v[V];
-                for (std::size_t i = 0; i < V; ++i)
-                    v[i] = hn::LoadU(d, src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + c0 * N);
-                transposeVectors<N>(d, v);
-                for (std::size_t k = 0; k < V; ++k) {
-                    if (op == SampleOp::Complement) v[k] = hn::Not(v[k]);
-                    if (N > 1 && op == SampleOp::ByteSwap) v[k] = hn::TableLookupBytes(v[k], swapOrder);
-                    forEachBlock(d, v[k], [&](std::size_t q, BlockVector piece) {
-                        hn::StoreU(piece, Block(), columnAt(c0 + q * V + k) + r0 * N);
-                    });
-                }
-            }
+            for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                block(r0, c0,
+                      [&](std::size_t c, BlockVector piece) { hn::StoreU(piece, Block(), columnAt(c) + r0 * N); });
     }
     return fullCols;
 }
@@ -165,10 +271,12 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
 // loop for what no block fills.
 template <int N, class ColumnAt>
 void transposeColumns(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt columnAt, std::size_t rows,
-                      std::size_t cols, bool flip, SampleOp op) {
-    std::size_t done = transposeBlocksOf<N>(Bytes(), src, srcRowBytes, columnAt, rows, 0, cols, flip, op);
+                      std::size_t cols, bool flip, SampleOp op, ColumnStores stores) {
+    std::size_t done = transposeBlocksOf<N>(Bytes(), src, srcRowBytes, columnAt, rows, 0, cols, flip, op, stores);
+    // The few columns left are stored in place.
     if constexpr (blocksOf<Bytes>() > 1)
-        done = transposeBlocksOf<N>(Block(), src, srcRowBytes, columnAt, rows, done, cols, flip, op);
+        done =
+            transposeBlocksOf<N>(Block(), src, srcRowBytes, columnAt, rows, done, cols, flip, op, ColumnStores::Cached);
     const std::size_t fullRows = rows / (16 / N) * (16 / N);
     transposeLoop<N>(src, srcRowBytes, columnAt, rows, fullRows, rows, 0, cols, flip, op);
     transposeLoop<N>(src, srcRowBytes, columnAt, rows, 0, fullRows, done, cols, flip, op);
@@ -176,17 +284,18 @@ void transposeColumns(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt
 
 template <int N>
 void transposeSamplesKernel(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* dst, std::size_t dstColumn,
-                            std::size_t rows, std::size_t cols, bool flip, SampleOp op) {
+                            std::size_t rows, std::size_t cols, bool flip, SampleOp op, ColumnStores stores) {
     transposeColumns<N>(
-        src, srcRowBytes, [=](std::size_t c) { return dst + c * dstColumn * N; }, rows, cols, flip, op);
+        src, srcRowBytes, [=](std::size_t c) { return dst + c * dstColumn * N; }, rows, cols, flip, op, stores);
 }
 
 // Pixels of three 16-bit samples: sample s of each pixel goes to plane s, one column per pixel.
 inline void transposePixelsKernel(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* const planes[3],
-                                  std::size_t rows, std::size_t pixels, bool flip, SampleOp op) {
+                                  std::size_t rows, std::size_t pixels, bool flip, SampleOp op, ColumnStores stores) {
     std::uint8_t* const to[3] = {planes[0], planes[1], planes[2]};
     transposeColumns<2>(
-        src, srcRowBytes, [=](std::size_t c) { return to[c % 3] + c / 3 * rows * 2; }, rows, 3 * pixels, flip, op);
+        src, srcRowBytes, [=](std::size_t c) { return to[c % 3] + c / 3 * rows * 2; }, rows, 3 * pixels, flip, op,
+        stores);
 }
 
 // Whole output lines (64 bytes) of each column from columns `from` on: each line gathers the
@@ -237,7 +346,7 @@ void transposeIntoLinesKernel(const std::uint8_t* src, std::size_t srcRowBytes, 
     constexpr int N = sizeof(T);
     if (cols > done)
         transposeSamplesKernel<N>(src + done * N, srcRowBytes, reinterpret_cast<std::uint8_t*>(dst + done * stride),
-                                  stride, rows, cols - done, false, SampleOp::Copy);
+                                  stride, rows, cols - done, false, SampleOp::Copy, ColumnStores::Cached);
 }
 
 template <typename T>

@@ -135,14 +135,21 @@ void MonochromeVariant<Stored, Storage, BottomUp>::copyColumnBlock(void* destBas
         const std::size_t w = static_cast<std::size_t>(width);
         const std::size_t h = static_cast<std::size_t>(height);
         const std::size_t columns = std::min<std::size_t>(static_cast<std::size_t>(tileColumns), w - c0);
+        auto* out = static_cast<std::uint8_t*>(destBase) + static_cast<std::size_t>(c0) * h;
+        const auto op = static_cast<SampleOp>(sampleMapping);
+        if (columnStoresFor(w * h) == ColumnStores::Streamed) {
+            // A large image's strip in one transpose, which keeps its own tiles of whole lines.
+            transposeSamples<1>(src + static_cast<std::size_t>(c0), w, out, h, h, columns, BottomUp, op,
+                                ColumnStores::Streamed);
+            return;
+        }
         // The strip's tiles, transposed a vector block at a time; a tile's source rows stay in the
         // first-level cache while its columns are written.
-        auto* out = static_cast<std::uint8_t*>(destBase) + static_cast<std::size_t>(c0) * h;
         for (std::size_t r0 = 0; r0 < h; r0 += static_cast<std::size_t>(tileRows)) {
             const std::size_t rows = std::min<std::size_t>(static_cast<std::size_t>(tileRows), h - r0);
             // Output rows r0.. come from stored rows r0.. (top-down) or h - 1 - r0 downward.
             const std::uint8_t* first = src + (BottomUp ? h - r0 - rows : r0) * w + static_cast<std::size_t>(c0);
-            transposeSamples<1>(first, w, out + r0, h, rows, columns, BottomUp, static_cast<SampleOp>(sampleMapping));
+            transposeSamples<1>(first, w, out + r0, h, rows, columns, BottomUp, op);
         }
     } else {
         (void)destBase, (void)firstColumn, (void)src;
