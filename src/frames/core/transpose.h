@@ -13,9 +13,10 @@ enum class SampleOp { Copy, ByteSwap, Complement };
 // read of every line before it is written.
 enum class ColumnStores { Cached, Streamed };
 
-// The stores for a host array of `bytes`: streamed from 4 MiB on.
+// The stores for a host array of `bytes`: streamed above 16 MiB, where an array no longer stays
+// in the caches between frames (every 1920 x 1080 array stays cached).
 constexpr ColumnStores columnStoresFor(std::uint64_t bytes) {
-    return bytes >= (std::uint64_t{4} << 20) ? ColumnStores::Streamed : ColumnStores::Cached;
+    return bytes > (std::uint64_t{16} << 20) ? ColumnStores::Streamed : ColumnStores::Cached;
 }
 
 // Transposes rows x cols samples of SampleBytes bytes (1, 2, 4 or 8): the sample at row r,

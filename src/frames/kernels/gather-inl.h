@@ -194,6 +194,11 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                         std::uint8_t* const base[3] = {stage + (x0 - s0) * bandBytes + (r0 - b0),
                                                        stage + (stripPixels + x0 - s0) * bandBytes + (r0 - b0),
                                                        stage + (2 * stripPixels + x0 - s0) * bandBytes + (r0 - b0)};
+                        // What the next strip reads of these rows: no hardware prefetcher follows
+                        // this many rows at once.
+                        const std::size_t next = (x0 + stripPixels) / 16 * block.blockBytes;
+                        for (std::size_t i = 0; i < 16; ++i)
+                            for (std::size_t k = 0; k < rowBytes; k += 64) hwy::Prefetch(rowAt(r0 + i) + next + k);
                         if (!splitBlock(r0, x0, base, bandBytes)) break;
                     }
             });

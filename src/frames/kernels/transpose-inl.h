@@ -250,10 +250,16 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, from, fullCols, stripColumns,
             [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
                 for (std::size_t r0 = b0; r0 < b1; r0 += V)
-                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
+                        // The rows' next line, which the next strip reads: no hardware prefetcher
+                        // follows this many rows at once.
+                        if (c0 == s0)
+                            for (std::size_t i = 0; i < V; ++i)
+                                hwy::Prefetch(src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + s1 * N);
                         block(r0, c0, [&](std::size_t c, BlockVector piece) {
                             hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
                         });
+                    }
             });
         return fullCols;
     }
