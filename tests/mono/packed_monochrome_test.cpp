@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <vector>
 
+#include "frames/kernels/kernels.h"
 #include "lumoframekit/lumoframekit.h"
 #include "test_support.h"
+#include "vector_widths.h"
 
 using namespace lumoframekit;
 using lumotest::FramePtr;
@@ -228,4 +231,39 @@ TEST(PackedMonochrome, RegionsOutsideTheSourceAreRefused) {
     negative->setMemoryLimiter(&limiter);
     EXPECT_EQ(negative->allocateBuffer(), nullptr);
     EXPECT_EQ(limiter.getMemoryUsed(), 0u);
+}
+
+// The column-major unpack of every packing at every vector width against the definition, its
+// columns stored in place or streamed in whole lines (several bands of rows, columns that begin
+// and end within lines), with guards around the destination.
+TEST(PackedMonochrome, EveryUnpackKernelMatchesTheDefinition) {
+    constexpr std::uint32_t codes[] = {0x11010018u, 0x11010019u, 0x11010024u, 0x11010023u};  // by kPackings row
+    static_assert(std::size(codes) == std::size(kPackings));
+    std::mt19937 rng(41);
+    forEachVectorWidth([&](int bits) {
+        for (std::size_t packing = 0; packing < std::size(kPackings); ++packing)
+            for (auto [w, h] : {std::pair<std::size_t, std::size_t>{37, 9}, {64, 16}, {150, 300}}) {
+                const auto ppg = static_cast<std::size_t>(kPackings[packing].pixelsPerGroup);
+                const std::size_t rowBytes =
+                    (w + ppg - 1) / ppg * static_cast<std::size_t>(kPackings[packing].bytesPerGroup);
+                std::vector<std::uint8_t> buf(rowBytes * h + 4);
+                for (auto& b : buf) b = static_cast<std::uint8_t>(rng());
+                for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed})
+                    for (std::size_t offset : {0, 3}) {
+                        std::vector<std::uint16_t> out(w * h + 64, 0xBEEF);
+                        std::uint16_t* const at = out.data() + 32 + offset;
+                        kernels().unpack[packing](at, buf.data(), buf.data() + buf.size(), rowBytes, 0, w, h, stores);
+                        for (std::size_t c = 0; c < w; ++c)
+                            for (std::size_t r = 0; r < h; ++r)
+                                ASSERT_EQ(at[c * h + r], definedPixel(codes[packing], buf, r * rowBytes, c))
+                                    << std::hex << codes[packing] << std::dec << " " << w << "x" << h
+                                    << (stores == ColumnStores::Streamed ? " streamed" : "") << " at offset " << offset
+                                    << ", vectors up to " << bits << " bits: " << c << "," << r;
+                        EXPECT_TRUE(std::all_of(out.begin(), out.begin() + 32 + static_cast<std::ptrdiff_t>(offset),
+                                                [](std::uint16_t v) { return v == 0xBEEF; }));
+                        EXPECT_TRUE(std::all_of(at + w * h, out.data() + out.size(),
+                                                [](std::uint16_t v) { return v == 0xBEEF; }));
+                    }
+            }
+    });
 }

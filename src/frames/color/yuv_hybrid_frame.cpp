@@ -56,7 +56,7 @@ void YUVHybridFrame::getData(void** dest) {
         const auto imageWidth = static_cast<std::size_t>(w), rows = static_cast<std::size_t>(h);
         const auto pitch = static_cast<std::size_t>(stride);
         transposeSamples<1>(buffer, pitch, out.plane[0], rows, rows, imageWidth, false, SampleOp::Copy,
-                            columnStoresFor(3 * rows * imageWidth));
+                            columnStoresFor(3 * rows * imageWidth, rows));
         const std::size_t chromaColumns = (imageWidth + 1) / 2, chromaRows = (rows + 1) / 2;
         const std::size_t samples = chromaColumns * chromaRows;
         std::uint8_t* pairs = threadScratch(4 * samples);

@@ -81,7 +81,7 @@ void YUVPlanarFrame::getData(void** dest) {
     const PlaneOffsets planes = offsetsOf(*f, lumaSize, chromaSize);
     const auto w = static_cast<std::size_t>(width), rows = static_cast<std::size_t>(h);
     transposeSamples<1>(buffer + planes.at[Y], static_cast<std::size_t>(paddedWidth), out.plane[0], rows, rows, w,
-                        false, SampleOp::Copy, columnStoresFor(3 * rows * w));
+                        false, SampleOp::Copy, columnStoresFor(3 * rows * w, rows));
     const auto n = static_cast<std::size_t>(factor);
     const std::size_t chromaColumns = (w + n - 1) / n, chromaRows = (rows + n - 1) / n;
     std::uint8_t* columns = threadScratch(chromaColumns * chromaRows);

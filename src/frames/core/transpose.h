@@ -13,10 +13,12 @@ enum class SampleOp { Copy, ByteSwap, Complement };
 // read of every line before it is written.
 enum class ColumnStores { Cached, Streamed };
 
-// The stores for a host array of `bytes`: streamed above 16 MiB, where an array no longer stays
-// in the caches between frames (every 1920 x 1080 array stays cached).
-constexpr ColumnStores columnStoresFor(std::uint64_t bytes) {
-    return bytes > (std::uint64_t{16} << 20) ? ColumnStores::Streamed : ColumnStores::Cached;
+// The stores for a host array of `bytes` in columns of `rows`: streamed for arrays that no longer
+// stay in the caches between frames, above 16 MiB, and for tall ones (2048 rows or more) above
+// 4 MiB, whose columns each span a page or more. Every 1920 x 1080 array stays cached.
+constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) {
+    constexpr std::uint64_t MiB = std::uint64_t{1} << 20;
+    return bytes > 16 * MiB || (rows >= 2048 && bytes > 4 * MiB) ? ColumnStores::Streamed : ColumnStores::Cached;
 }
 
 // Transposes rows x cols samples of SampleBytes bytes (1, 2, 4 or 8): the sample at row r,

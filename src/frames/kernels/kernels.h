@@ -63,8 +63,8 @@ struct Kernels {
     // Unpacks pixels [first, first + width) of every row of a packed image into a column-major
     // array, by the packing's row in kPackings. Reads stay before end.
     void (*unpack[std::size(kPackings)])(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end,
-                                         std::size_t rowBytes, std::size_t first, std::size_t width,
-                                         std::size_t height);
+                                         std::size_t rowBytes, std::size_t first, std::size_t width, std::size_t height,
+                                         ColumnStores stores);
     // The same into a row-major array, rows width samples apart.
     void (*unpackRows[std::size(kPackings)])(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end,
                                              std::size_t rowBytes, std::size_t first, std::size_t width,

@@ -70,11 +70,12 @@ HWY_INLINE hn::VFromD<D16> decodeBlocks(D16 d16, const std::uint8_t* row) {
 }
 
 // Blocks of eight rows by eight pixels per 16-byte block, from column `from` up to the columns
-// whose reads in the last whole band stay before end. Returns the columns done.
+// whose reads in the last whole band stay before end, streamed in whole lines where asked and the
+// rows have no lead pad. Returns the columns done.
 template <Packing P, class D16>
 std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end,
                            std::size_t rowBytes, std::size_t first, std::size_t width, std::size_t height,
-                           std::size_t from) {
+                           std::size_t from, ColumnStores stores) {
     constexpr std::size_t G = eightPixelBytes<P>, B = blocksOf<D16>(), blockColumns = 8 * B;
     const std::size_t decoded = first + width, fullRows = height / 8 * 8;
     std::size_t columns = from;
@@ -82,33 +83,52 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
         const auto readable = static_cast<std::size_t>(end - (buffer + (fullRows - 1) * rowBytes));
         while (columns + blockColumns <= decoded && (columns / 8 + B - 1) * G + 16 <= readable) columns += blockColumns;
     }
-    for (std::size_t r0 = 0; r0 < fullRows; r0 += 8) {
+    // The block of rows r0.. and columns c0..: store(c, piece) for each column piece.
+    auto block = [&](std::size_t r0, std::size_t c0, auto store) {
         const std::uint8_t* rows = buffer + r0 * rowBytes;
-        for (std::size_t c0 = from; c0 < columns; c0 += blockColumns) {
-            hn::VFromD<D16> v[8];
-            for (std::size_t i = 0; i < 8; ++i) v[i] = decodeBlocks<P>(d16, rows + i * rowBytes + c0 / 8 * G);
-            const hn::Repartition<std::uint8_t, D16> d8;
-            hn::VFromD<decltype(d8)> bytes[8];
-            for (std::size_t i = 0; i < 8; ++i) bytes[i] = hn::BitCast(d8, v[i]);
-            transposeVectors<2>(d8, bytes);
-            for (std::size_t k = 0; k < 8; ++k)
-                forEachBlock(d8, bytes[k], [&](std::size_t q, BlockVector piece) {
-                    const std::size_t c = c0 + 8 * q + k;
-                    if (c >= first)
-                        hn::StoreU(piece, Block(), reinterpret_cast<std::uint8_t*>(out + (c - first) * height + r0));
-                });
-        }
+        hn::VFromD<D16> v[8];
+        for (std::size_t i = 0; i < 8; ++i) v[i] = decodeBlocks<P>(d16, rows + i * rowBytes + c0 / 8 * G);
+        const hn::Repartition<std::uint8_t, D16> d8;
+        hn::VFromD<decltype(d8)> bytes[8];
+        for (std::size_t i = 0; i < 8; ++i) bytes[i] = hn::BitCast(d8, v[i]);
+        transposeVectors<2>(d8, bytes);
+        for (std::size_t k = 0; k < 8; ++k)
+            forEachBlock(d8, bytes[k], [&](std::size_t q, BlockVector piece) { store(c0 + 8 * q + k, piece); });
+    };
+    if (stores == ColumnStores::Streamed && first == 0) {
+        constexpr std::size_t bandBytes = 256, strip = std::max<std::size_t>(64, blockColumns);
+        streamBands<2, bandBytes>(
+            1, [&](std::size_t, std::size_t c) { return reinterpret_cast<std::uint8_t*>(out + c * height); }, fullRows,
+            from, columns, strip,
+            [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                for (std::size_t r0 = b0; r0 < b1; r0 += 8) {
+                    // What the next strip reads of these rows.
+                    for (std::size_t i = 0; i < 8; ++i) hwy::Prefetch(buffer + (r0 + i) * rowBytes + s1 / 8 * G);
+                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                        block(r0, c0, [&](std::size_t c, BlockVector piece) {
+                            hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * 2);
+                        });
+                }
+            });
+        return columns;
     }
+    for (std::size_t r0 = 0; r0 < fullRows; r0 += 8)
+        for (std::size_t c0 = from; c0 < columns; c0 += blockColumns)
+            block(r0, c0, [&](std::size_t c, BlockVector piece) {
+                if (c >= first)
+                    hn::StoreU(piece, Block(), reinterpret_cast<std::uint8_t*>(out + (c - first) * height + r0));
+            });
     return columns;
 }
 
 template <Packing P>
 void unpackKernel(std::uint16_t* out, const std::uint8_t* buffer, const std::uint8_t* end, std::size_t rowBytes,
-                  std::size_t first, std::size_t width, std::size_t height) {
+                  std::size_t first, std::size_t width, std::size_t height, ColumnStores stores) {
     const hn::ScalableTag<std::uint16_t> d16;
-    std::size_t done = unpackBlocksOf<P>(d16, out, buffer, end, rowBytes, first, width, height, 0);
+    std::size_t done = unpackBlocksOf<P>(d16, out, buffer, end, rowBytes, first, width, height, 0, stores);
     if constexpr (blocksOf<decltype(d16)>() > 1)
-        done = unpackBlocksOf<P>(hn::Full128<std::uint16_t>(), out, buffer, end, rowBytes, first, width, height, done);
+        done = unpackBlocksOf<P>(hn::Full128<std::uint16_t>(), out, buffer, end, rowBytes, first, width, height, done,
+                                 ColumnStores::Cached);
     // What no block covers, a pixel at a time.
     const std::size_t decoded = first + width, fullRows = height / 8 * 8;
     for (std::size_t c = std::max(done, first); c < decoded; ++c)

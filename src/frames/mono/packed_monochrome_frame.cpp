@@ -114,7 +114,11 @@ bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool r
     if (lastRead >= readable) return false;
     const std::uint8_t* end = frame.buffer + readable;
     const Kernels& k = kernels();
-    (rowMajor ? k.unpackRows : k.unpack)[&facts - kPackings](out, frame.buffer, end, rowBytes, first, w, h);
+    const std::size_t packing = static_cast<std::size_t>(&facts - kPackings);
+    if (rowMajor)
+        k.unpackRows[packing](out, frame.buffer, end, rowBytes, first, w, h);
+    else
+        k.unpack[packing](out, frame.buffer, end, rowBytes, first, w, h, columnStoresFor(2 * w * h, h));
     return true;
 }
 
