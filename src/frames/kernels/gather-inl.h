@@ -158,24 +158,33 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     // the blocks do not cover, are left to the loop at the end.
     std::vector<std::size_t> bands(width / 16 + 1, 0);
     auto rowAt = [&](std::size_t y) { return src + (flipRows ? height - 1 - y : y) * stride; };
-    // The block of rows r0.. and pixels x0..: the column piece of pixel x0 + i of plane c goes to
-    // base[c] + i * columnBytes. False where the block would read past end.
-    auto splitBlock = [&](std::size_t r0, std::size_t x0, std::uint8_t* const base[3], std::size_t columnBytes) {
-        const std::uint8_t* rows[16];
+    // The 16 rows from r0 on, and the furthest of them in memory.
+    struct Rows {
+        const std::uint8_t* at[16];
         const std::uint8_t* furthest = nullptr;
+    };
+    auto rowsFrom = [&](std::size_t r0) {
+        Rows rows;
         for (std::size_t i = 0; i < 16; ++i) {
-            rows[i] = rowAt(r0 + i);
-            furthest = std::max(furthest, rows[i]);
+            rows.at[i] = rowAt(r0 + i);
+            rows.furthest = std::max(rows.furthest, rows.at[i]);
         }
+        return rows;
+    };
+    // The block of those rows and pixels x0..: the column piece of pixel x0 + i of plane c goes to
+    // base[c] + i * columnBytes. False where the block would read past end.
+    auto splitBlock = [&](const Rows& rows, std::size_t x0, std::uint8_t* const base[3],
+                          std::size_t columnBytes) LUMO_ALWAYS_INLINE {
         const std::size_t at = x0 / 16 * block.blockBytes;
-        if (furthest > end || static_cast<std::size_t>(end - furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
+        if (rows.furthest > end ||
+            static_cast<std::size_t>(end - rows.furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
             return false;
         if (groups.split != nullptr) {
             for (std::size_t k = 0; k < slots.size(); ++k)
                 columnOf[k] = slots[k].plane < 0 ? nullptr : base[slots[k].plane] + slots[k].pixel * columnBytes;
-            groups.split(rows, at, columnOf.data(), groups.pixels * columnBytes);
+            groups.split(rows.at, at, columnOf.data(), groups.pixels * columnBytes);
         } else {
-            transposeBlock(rows, at, vectors, transposed);
+            transposeBlock(rows.at, at, vectors, transposed);
             for (const PieceStore& piece : stores)
                 hn::StoreU(hn::Load(Block(), transposed + piece.from), Block(),
                            base[piece.plane] + piece.pixel * columnBytes);
@@ -189,7 +198,8 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
             3, [&](std::size_t c, std::size_t x) { return planes[c] + x * height; }, fullRows, 0, fullWidth,
             stripPixels,
             [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
-                for (std::size_t r0 = b0; r0 < b1; r0 += 16)
+                for (std::size_t r0 = b0; r0 < b1; r0 += 16) {
+                    const Rows rows = rowsFrom(r0);
                     for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
                         std::uint8_t* const base[3] = {stage + (x0 - s0) * bandBytes + (r0 - b0),
                                                        stage + (stripPixels + x0 - s0) * bandBytes + (r0 - b0),
@@ -198,19 +208,22 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                         // this many rows at once.
                         const std::size_t next = (x0 + stripPixels) / 16 * block.blockBytes;
                         for (std::size_t i = 0; i < 16; ++i)
-                            for (std::size_t k = 0; k < rowBytes; k += 64) hwy::Prefetch(rowAt(r0 + i) + next + k);
-                        if (!splitBlock(r0, x0, base, bandBytes)) break;
+                            for (std::size_t k = 0; k < rowBytes; k += 64) hwy::Prefetch(rows.at[i] + next + k);
+                        if (!splitBlock(rows, x0, base, bandBytes)) break;
                     }
+                }
             });
     } else {
         for (std::size_t s0 = 0; s0 < fullWidth; s0 += stripPixels) {
             const std::size_t s1 = std::min(s0 + stripPixels, fullWidth);
-            for (std::size_t r0 = 0; r0 < fullRows; r0 += 16)
+            for (std::size_t r0 = 0; r0 < fullRows; r0 += 16) {
+                const Rows rows = rowsFrom(r0);
                 for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
                     std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
                                                    planes[2] + x0 * height + r0};
-                    if (!splitBlock(r0, x0, base, height)) break;
+                    if (!splitBlock(rows, x0, base, height)) break;
                 }
+            }
         }
     }
     for (std::size_t x = 0; x < width; ++x) {

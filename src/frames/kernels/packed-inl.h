@@ -84,7 +84,7 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
         while (columns + blockColumns <= decoded && (columns / 8 + B - 1) * G + 16 <= readable) columns += blockColumns;
     }
     // The block of rows r0.. and columns c0..: store(c, piece) for each column piece.
-    auto block = [&](std::size_t r0, std::size_t c0, auto store) {
+    auto block = [&](std::size_t r0, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
         const std::uint8_t* rows = buffer + r0 * rowBytes;
         hn::VFromD<D16> v[8];
         for (std::size_t i = 0; i < 8; ++i) v[i] = decodeBlocks<P>(d16, rows + i * rowBytes + c0 / 8 * G);

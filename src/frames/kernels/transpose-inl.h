@@ -16,6 +16,11 @@
 
 #include "frames/core/transpose.h"
 
+// For the lambdas that hold a kernel's block: called once per block, with vectors in registers.
+#ifndef LUMO_ALWAYS_INLINE
+#define LUMO_ALWAYS_INLINE __attribute__((always_inline))
+#endif
+
 HWY_BEFORE_NAMESPACE();
 namespace lumoframekit {
 namespace HWY_NAMESPACE {
@@ -233,7 +238,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     for (std::size_t i = 0; i < 16; ++i) order[i] = static_cast<std::uint8_t>(i / N * N + (N - 1 - i % N));
     const auto swapOrder = hn::LoadDup128(d, order);
     // The block at row r0, column c0: store(c, r0, piece) for each column piece.
-    auto block = [&](std::size_t r0, std::size_t c0, auto store) {
+    auto block = [&](std::size_t r0, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
         hn::VFromD<D> v[V];
         for (std::size_t i = 0; i < V; ++i)
             v[i] = hn::LoadU(d, src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + c0 * N);
