@@ -5,7 +5,9 @@
 #include <random>
 #include <vector>
 
+#include "frames/kernels/kernels.h"
 #include "test_support.h"
+#include "vector_widths.h"
 
 using namespace lumoframekit;
 using namespace lumotest;
@@ -306,4 +308,56 @@ TEST(ColorFrames, SubtypesOutsideTheTablesConvertNothing) {
                 EXPECT_EQ(out, std::vector<std::uint8_t>(out.size(), 0x77)) << std::hex << code;
             }
         }
+}
+
+// The word unpacking kernels at every vector width, their planes stored in place or streamed in
+// whole lines (bands of rows, columns that begin and end within lines, guards around the
+// planes), for a layout of one field per channel and one of two.
+TEST(RGB16Frame, WordImageKernelsMatchTheTable) {
+    struct Case {
+        int subtype;
+        WordFields fields;
+    };
+    const Case cases[] = {
+        {1, {{{0xF800, 8}, {}}, {{0x07E0, 3}, {}}, {{0x001F, -3}, {}}}},
+        {7,
+         {{{0x000000FF, -2}, {0xC0000000, 30}},
+          {{0x0000FF00, 6}, {0x30000000, 28}},
+          {{0x00FF0000, 14}, {0x0C000000, 26}}}},
+    };
+    std::mt19937 rng(16);
+    forEachVectorWidth([&](int bits) {
+        for (const Case& c : cases)
+            for (auto [w, h] : {std::pair<std::size_t, std::size_t>{70, 9}, {37, 300}})
+                for (bool bottomUp : {false, true})
+                    for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed})
+                        for (std::size_t offset : {0, 5}) {
+                            const std::size_t word = c.subtype < 3 ? 2 : 4, sample = word / 2, n = w * h;
+                            const auto raw = noise(n * word, rng);
+                            std::vector<std::uint8_t> out((3 * n + 128) * sample, 0xEE);
+                            std::uint8_t* const at = out.data() + (64 + offset) * sample;
+                            std::uint8_t* const planes[3] = {at, at + n * sample, at + 2 * n * sample};
+                            (word == 2 ? kernels().unpackWordImage16 : kernels().unpackWordImage32)(
+                                raw.data(), w, h, bottomUp, c.fields, planes, stores);
+                            bool same = true;
+                            for (std::size_t x = 0; x < w; ++x)
+                                for (std::size_t y = 0; y < h; ++y) {
+                                    std::uint32_t p = 0, rgb[3], got = 0;
+                                    std::memcpy(&p, &raw[((bottomUp ? h - 1 - y : y) * w + x) * word], word);
+                                    rgb16Expected(c.subtype, p, rgb[0], rgb[1], rgb[2]);
+                                    for (int k = 0; k < 3; ++k) {
+                                        std::memcpy(&got, planes[k] + (x * h + y) * sample, sample);
+                                        same = same && got == (sample == 1 ? (rgb[k] & 0xFF) : rgb[k]);
+                                    }
+                                }
+                            const auto untouched = [](auto first, auto last) {
+                                return std::all_of(first, last, [](std::uint8_t b) { return b == 0xEE; });
+                            };
+                            EXPECT_TRUE(same && untouched(out.data(), at) &&
+                                        untouched(at + 3 * n * sample, out.data() + out.size()))
+                                << "subtype " << c.subtype << " " << w << "x" << h << (bottomUp ? " bottom-up" : "")
+                                << (stores == ColumnStores::Streamed ? " streamed" : "") << " at offset " << offset
+                                << ", vectors up to " << bits << " bits";
+                        }
+    });
 }

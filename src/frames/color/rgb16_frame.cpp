@@ -41,29 +41,6 @@ const Rgb16Format& formatOf(std::int32_t subtype) {
     return row != nullptr ? *row : noFormat;
 }
 
-// Bands of rows are transposed into column-major words, which are then unpacked column by column,
-// in order.
-template <typename Word, typename Sample, typename Unpack>
-void unpackImage(const std::uint8_t* src, std::uint8_t* const planes[3], std::int64_t width, std::int64_t height,
-                 bool bottomUp, const WordFields& fields, Unpack unpack) {
-    constexpr std::size_t bandRows = 256;
-    const auto w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
-    auto* band = reinterpret_cast<Word*>(threadScratch(bandRows * w * sizeof(Word)));
-    for (std::size_t r0 = 0; r0 < h; r0 += bandRows) {
-        const std::size_t rows = std::min(bandRows, h - r0);
-        // Output rows r0.. come from stored rows r0.. (top-down) or h - 1 - r0 upward.
-        const std::uint8_t* first = src + (bottomUp ? h - r0 - rows : r0) * w * sizeof(Word);
-        transposeSamples<sizeof(Word)>(first, w * sizeof(Word), reinterpret_cast<std::uint8_t*>(band), rows, rows, w,
-                                       bottomUp, SampleOp::Copy);
-        for (std::size_t x = 0; x < w; ++x) {
-            Sample* const out[3] = {reinterpret_cast<Sample*>(planes[0]) + x * h + r0,
-                                    reinterpret_cast<Sample*>(planes[1]) + x * h + r0,
-                                    reinterpret_cast<Sample*>(planes[2]) + x * h + r0};
-            unpack(band + x * rows, rows, fields, out);
-        }
-    }
-}
-
 }  // namespace
 
 RGB16Frame::RGB16Frame(std::int32_t w, std::int32_t h, std::int32_t sub, bool flip)
@@ -95,12 +72,11 @@ void RGB16Frame::getData(void** dest) {
     const std::uint64_t sampleBytes = f.bytesPerPixel == 4 ? 2 : 1;
     const Planes out = planesOf(dest, pixels * sampleBytes);
     if (!out.valid) return;
-    const bool flip = bottomUp == 1;
+    const auto w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
+    const ColumnStores stores = columnStoresFor(3 * pixels * sampleBytes, h);
     const Kernels& k = kernels();
-    if (f.bytesPerPixel == 2)
-        unpackImage<std::uint16_t, std::uint8_t>(buffer, out.plane, width, height, flip, f.fields, k.unpackWords16);
-    else
-        unpackImage<std::uint32_t, std::uint16_t>(buffer, out.plane, width, height, flip, f.fields, k.unpackWords32);
+    (f.bytesPerPixel == 2 ? k.unpackWordImage16 : k.unpackWordImage32)(buffer, w, h, bottomUp == 1, f.fields, out.plane,
+                                                                       stores);
 }
 
 std::uint8_t* RGB16Frame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth, std::uint32_t srcHeight,

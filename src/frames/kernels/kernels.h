@@ -51,11 +51,12 @@ struct Kernels {
     // column-major plane s, with the row order and sample operation of transposeSamples.
     void (*transposePixels)(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* const planes[3],
                             std::size_t rows, std::size_t pixels, bool flipRows, SampleOp op, ColumnStores stores);
-    // Unpacks count packed words into three runs of samples (see WordFields).
-    void (*unpackWords16)(const std::uint16_t* words, std::size_t count, const WordFields& fields,
-                          std::uint8_t* const out[3]);
-    void (*unpackWords32)(const std::uint32_t* words, std::size_t count, const WordFields& fields,
-                          std::uint16_t* const out[3]);
+    // Unpacks an image of packed words (rows width words apart, stored bottom-up with flipRows)
+    // into three column-major planes of 8-bit (16-bit words) or 16-bit samples (32-bit words).
+    void (*unpackWordImage16)(const std::uint8_t* src, std::size_t width, std::size_t height, bool flipRows,
+                              const WordFields& fields, std::uint8_t* const planes[3], ColumnStores stores);
+    void (*unpackWordImage32)(const std::uint8_t* src, std::size_t width, std::size_t height, bool flipRows,
+                              const WordFields& fields, std::uint8_t* const planes[3], ColumnStores stores);
     // splitInterleaved.
     void (*splitInterleaved)(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
                              std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3],

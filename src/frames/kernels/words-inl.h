@@ -8,7 +8,11 @@
 
 #include <hwy/highway.h>
 
+#include <vector>
+
+#include "frames/core/planes.h"
 #include "frames/kernels/kernels.h"
+#include "frames/kernels/transpose-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace lumoframekit {
@@ -49,6 +53,59 @@ void unpackWordsKernel(const Word* words, std::size_t count, const WordFields& f
     for (; i < count; ++i)
         for (int c = 0; c < 3; ++c)
             out[c][i] = static_cast<Sample>(fieldOf(words[i], fields[c][0]) | fieldOf(words[i], fields[c][1]));
+}
+
+// A whole image of packed words (rows width words apart, stored bottom-up with flip) into three
+// column-major planes: bands of rows are transposed into column-major words, and each column's
+// words then unpacked into its three planes, in order. Large images go out in whole lines: each
+// tile of a band of rows by a strip of columns is unpacked into staging memory and streamed.
+template <typename Word, typename Sample>
+void unpackWordImageKernel(const std::uint8_t* src, std::size_t width, std::size_t height, bool flip,
+                           const WordFields& fields, std::uint8_t* const planes[3], ColumnStores stores) {
+    constexpr std::size_t N = sizeof(Word);
+    // Rows r0 .. r0 + rows - 1 of the image, transposed into `to`, a column of rows words for
+    // each of the columns from c0 on; the band's first stored row is its last with flip.
+    auto transposeBand = [&](std::size_t r0, std::size_t rows, std::size_t c0, std::size_t cols, Word* to) {
+        const std::uint8_t* first = src + (flip ? height - r0 - rows : r0) * width * N + c0 * N;
+        transposeColumns<N>(
+            first, width * N, [&](std::size_t c) { return reinterpret_cast<std::uint8_t*>(to + c * rows); }, rows, cols,
+            flip, SampleOp::Copy, ColumnStores::Cached);
+    };
+    if (stores == ColumnStores::Streamed) {
+        constexpr std::size_t bandBytes = 256, bandRows = bandBytes / sizeof(Sample), strip = 32;
+        thread_local std::vector<Word> words;
+        words.resize(strip * bandRows);
+        streamBands<sizeof(Sample), bandBytes>(
+            3, [&](std::size_t c, std::size_t x) { return planes[c] + x * height * sizeof(Sample); }, height, 0, width,
+            strip,
+            [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                const std::size_t rows = b1 - b0;
+                // What the next strip reads of these rows: no hardware prefetcher follows this
+                // many rows at once.
+                for (std::size_t r = b0; r < b1; ++r)
+                    hwy::Prefetch(src + (flip ? height - 1 - r : r) * width * N + s1 * N);
+                transposeBand(b0, rows, s0, s1 - s0, words.data());
+                for (std::size_t x = s0; x < s1; ++x) {
+                    Sample* const out[3] = {reinterpret_cast<Sample*>(stage + (x - s0) * bandBytes),
+                                            reinterpret_cast<Sample*>(stage + (strip + x - s0) * bandBytes),
+                                            reinterpret_cast<Sample*>(stage + (2 * strip + x - s0) * bandBytes)};
+                    unpackWordsKernel<Word, Sample>(words.data() + (x - s0) * rows, rows, fields, out);
+                }
+            });
+        return;
+    }
+    constexpr std::size_t bandRows = 256;
+    auto* band = reinterpret_cast<Word*>(threadScratch(bandRows * width * N));
+    for (std::size_t r0 = 0; r0 < height; r0 += bandRows) {
+        const std::size_t rows = std::min(bandRows, height - r0);
+        transposeBand(r0, rows, 0, width, band);
+        for (std::size_t x = 0; x < width; ++x) {
+            Sample* const out[3] = {reinterpret_cast<Sample*>(planes[0]) + x * height + r0,
+                                    reinterpret_cast<Sample*>(planes[1]) + x * height + r0,
+                                    reinterpret_cast<Sample*>(planes[2]) + x * height + r0};
+            unpackWordsKernel<Word, Sample>(band + x * rows, rows, fields, out);
+        }
+    }
 }
 
 }  // namespace HWY_NAMESPACE
