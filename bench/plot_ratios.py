@@ -1,8 +1,13 @@
 #!/usr/bin/env python3
-"""Draws the speed table printed by peer_bench as a bar chart PNG: one bar per row, the measured
-ratio against its target (bars below the target line meet it). Standard library only.
+"""Draws the speed table printed by peer_bench, or the size ladder size_ladder prints with --csv,
+as a bar chart PNG: one bar per row, the measured ratio against its target (bars left of the
+target line meet it). Standard library only.
 
     build/release/bench/peer_bench --benchmark_min_time=0.5 | python3 bench/plot_ratios.py docs/speed.png
+    build/release/bench/size_ladder --csv | python3 bench/plot_ratios.py docs/ladder.png
+
+The ladder's targets: within 2.5 times memcpy (2 for the 8-bit demosaic) at 8 and 20 MP; the
+1080p rows are drawn against 2.5 too.
 """
 import re
 import struct
@@ -34,12 +39,20 @@ FONT = {
 }
 
 
+def ladder_target(family):
+    return 2.0 if family == "Bayer 8-bit" else 2.5
+
+
 def main():
     rows = []
     for line in sys.stdin:
         m = re.match(r"^(.{44})\s+([\d.]+)\s+([\d.]+)\s+([\d.]+)\s+([\d.]+)\s+(met|MISSED)", line)
         if m:
             rows.append((m.group(1).strip(), float(m.group(4)), float(m.group(5))))
+        fields = line.strip().split(",")
+        if len(fields) == 5 and fields[0] != "family":
+            family, size, ratio = fields[0], fields[1], float(fields[4])
+            rows.append(("%s %s" % (family, size), ratio, ladder_target(family)))
     if not rows:
         sys.exit("plot_ratios: no table rows on standard input")
     width, bar_h, gap, left = 900, 18, 10, 330

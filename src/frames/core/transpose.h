@@ -14,11 +14,12 @@ enum class SampleOp { Copy, ByteSwap, Complement };
 enum class ColumnStores { Cached, Streamed };
 
 // The stores for a host array of `bytes` in columns of `rows`: streamed for arrays that no longer
-// stay in the caches between frames, above 16 MiB, and for tall ones (2048 rows or more) above
-// 4 MiB, whose columns each span a page or more. Every 1920 x 1080 array stays cached.
+// stay in the caches between frames, above 8 MiB, and for tall ones (2048 rows or more) above
+// 4 MiB, whose columns each span a page or more. A 1920 x 1080 array of up to four bytes a pixel
+// stays cached.
 constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) {
     constexpr std::uint64_t MiB = std::uint64_t{1} << 20;
-    return bytes > 16 * MiB || (rows >= 2048 && bytes > 4 * MiB) ? ColumnStores::Streamed : ColumnStores::Cached;
+    return bytes > 8 * MiB || (rows >= 2048 && bytes > 4 * MiB) ? ColumnStores::Streamed : ColumnStores::Cached;
 }
 
 // Transposes rows x cols samples of SampleBytes bytes (1, 2, 4 or 8): the sample at row r,
