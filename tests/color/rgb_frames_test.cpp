@@ -55,7 +55,11 @@ TEST(RGB24Frame, EverySubtypeConvertsLikeTheReference) {
     for (int subtype = 0; subtype < 18; ++subtype)
         for (bool bottomUp : {false, true}) {
             std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {70, 37}};
-            if (subtype == 0 || subtype == 9 || subtype == 12) sizes.push_back({1024, 768});
+            // Larger frames for some: one that stays cached, one tall enough to stream whole lines.
+            if (subtype == 0 || subtype == 3 || subtype == 9 || subtype == 12) {
+                sizes.push_back({1024, 768});
+                sizes.push_back({1100, 2048});
+            }
             for (auto [w, h] : sizes) {
                 SCOPED_TRACE(::testing::Message()
                              << "subtype " << subtype << (bottomUp ? " bottom-up " : " ") << w << "x" << h);
@@ -192,7 +196,7 @@ TEST(RGB16Frame, EverySubtypeUnpacksLikeTheTable) {
     std::mt19937 rng(6);
     for (int subtype = 0; subtype < 9; ++subtype)
         for (bool bottomUp : {false, true})
-            for (auto [w, h] : {std::pair{5, 3}, {2, 7}, {1024, 768}}) {
+            for (auto [w, h] : {std::pair{5, 3}, {2, 7}, {1024, 768}, {700, 2048}}) {  // the last one streamed
                 const int word = subtype < 3 ? 2 : 4, sample = subtype < 3 ? 1 : 2;
                 FramePtr frame = make(0x05000000u | (bottomUp ? 0x100u : 0u) | subtype, w, h);
                 EXPECT_EQ(frame->getDataType(), sample == 1 ? 0 : 2);
@@ -236,7 +240,7 @@ const PlanarLayout planar[9] = {{8, 1, false, false},  {16, 2, false, false}, {1
 TEST(RGB24Planar, EverySubtypeConvertsAndInterleaves) {
     std::mt19937 rng(10);
     for (int subtype = 0; subtype < 9; ++subtype)
-        for (auto [w, h] : {std::pair{5, 3}, {1, 1}, {1025, 769}}) {
+        for (auto [w, h] : {std::pair{5, 3}, {1, 1}, {1025, 769}, {700, 2048}}) {  // the last one streamed
             const PlanarLayout& l = planar[subtype];
             FramePtr frame = make(0x02000000u | subtype, w, h);
             EXPECT_EQ(frame->getDataType(), l.bps == 1 ? (l.isSigned ? 1 : 0) : (l.isSigned ? 3 : 2));

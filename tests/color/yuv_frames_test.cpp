@@ -38,7 +38,7 @@ std::array<std::uint8_t, 3> packedPixel(const Packing& p, const std::vector<std:
 TEST(YUVPackedFrame, EverySubtypeSplitsItsMacroPixels) {
     std::mt19937 rng(14);
     for (int subtype = 0; subtype < 7; ++subtype)
-        for (auto [w, h] : {std::pair{5, 3}, {8, 2}, {1, 1}, {13, 4}, {37, 3}, {64, 2}, {40, 17}}) {
+        for (auto [w, h] : {std::pair{5, 3}, {8, 2}, {1, 1}, {13, 4}, {37, 3}, {64, 2}, {40, 17}, {701, 2048}}) {
             const Packing& p = packings[subtype];
             const int groups = (w + p.ppg - 1) / p.ppg;
             FramePtr frame = make(0x03000000u | subtype, w, h);
@@ -109,7 +109,7 @@ TEST(YUVPlanarFrame, EverySubtypeRepeatsItsChroma) {
     std::mt19937 rng(16);
     const int factors[3] = {4, 2, 2};
     for (int subtype = 0; subtype < 3; ++subtype)
-        for (auto [w, h] : {std::pair{5, 5}, {8, 4}, {1, 1}, {9, 7}, {70, 37}, {130, 66}}) {
+        for (auto [w, h] : {std::pair{5, 5}, {8, 4}, {1, 1}, {9, 7}, {70, 37}, {130, 66}, {701, 2050}}) {
             const int f = factors[subtype];
             const int pw = (w + f - 1) / f * f, ph = (h + f - 1) / f * f;
             const std::size_t luma = static_cast<std::size_t>(pw) * ph, chroma = luma / f / f;
@@ -206,7 +206,7 @@ TEST(YUVHybridFrame, BothLayoutsAndRegionsAtOddOffsets) {
 TEST(YUVHybridFrame, WholeFramesOfEverySizeFollowTheLayout) {
     std::mt19937 rng(19);
     for (int subtype : {0, 1})
-        for (auto [w, h] : {std::pair{70, 37}, {130, 66}, {64, 48}, {33, 2}, {71, 38}}) {
+        for (auto [w, h] : {std::pair{70, 37}, {130, 66}, {64, 48}, {33, 2}, {71, 38}, {700, 2048}}) {
             FramePtr frame = make(0x07000000u | subtype, w, h);
             const auto raw = noise(frame->getBufferSize(), rng);
             frame->setBufferData(raw.data());
