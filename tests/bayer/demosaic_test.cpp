@@ -132,8 +132,9 @@ TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
 }
 
 // Tasks on the calling thread write the host planes in place, the others write planes that are
-// merged afterwards: the planes are the same whichever threads run the tasks, with every task on
-// the calling thread (one thread allowed) or spread over the pool.
+// merged afterwards, and the padded copy's second half is written by whichever thread takes it:
+// the planes are the same whichever threads run the tasks, with every task on the calling thread
+// (one thread allowed) or spread over the pool.
 TEST(Demosaic, PlanesAreTheSameWhicheverThreadsRunTheTasks) {
     std::mt19937 rng(11);
     std::vector<std::uint8_t> mosaic(1200 * 800);

@@ -111,18 +111,27 @@ PaddedMosaic<T> paddedStorage(Workspace& workspace, std::uint64_t height, std::u
     return {padded, padded + half, stride};
 }
 
-// Writes the padded mosaic with the demosaic's kernels k. fill(even, odd, stride, k) writes padded
-// columns 2 to width + 1, rows 0 to height + 3 (image row y, column x at padded row y + 2, column
-// x + 2); the columns either side are reflected from them here.
+// Writes half `part` (0 or 1) of the padded mosaic with the demosaic's kernels k: the two halves
+// touch different memory and may be written at once. fill(even, odd, stride, k, part) writes its
+// half of padded columns 2 to width + 1, rows 0 to height + 3 (image row y, column x at padded row
+// y + 2, column x + 2); reflectEdges then writes the columns either side from them.
 template <typename T, typename Fill>
-void fillPadded(const PaddedMosaic<T>& padded, std::uint64_t width, const SampleKernels<T>& k, Fill fill) {
+void fillHalf(const PaddedMosaic<T>& padded, std::uint64_t width, const SampleKernels<T>& k, const Fill& fill,
+              int part) {
     T* even = const_cast<T*>(padded.even);
     T* odd = const_cast<T*>(padded.odd);
     const std::uint64_t stride = padded.stride, half = stride * (width + 4);
     // Vector reads run past a column's last site into the next column or this slack: never into
     // memory that was not written.
-    std::fill(even + 2 * half, even + 2 * half + paddedSlack, T{0});
-    fill(even, odd, stride, k);
+    if (part == 0) std::fill(even + 2 * half, even + 2 * half + paddedSlack, T{0});
+    fill(even, odd, stride, k, part);
+}
+
+template <typename T>
+void reflectEdges(const PaddedMosaic<T>& padded, std::uint64_t width) {
+    T* even = const_cast<T*>(padded.even);
+    T* odd = const_cast<T*>(padded.odd);
+    const std::uint64_t stride = padded.stride;
     for (std::uint64_t p : {std::uint64_t{0}, std::uint64_t{1}, width + 2, width + 3}) {
         const std::uint64_t from = reflected(static_cast<std::int64_t>(p), static_cast<std::int64_t>(width)) + 2;
         std::memcpy(even + p * stride, even + from * stride, stride * sizeof(T));
@@ -130,11 +139,12 @@ void fillPadded(const PaddedMosaic<T>& padded, std::uint64_t width, const Sample
     }
 }
 
-// From a column-major mosaic: each column split by row parity.
+// From a column-major mosaic: each column split by row parity; the halves are the left and the
+// right columns.
 template <typename T>
 auto fromColumns(const T* mosaic, std::uint64_t height, std::uint64_t width) {
-    return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k) {
-        for (std::uint64_t x = 0; x < width; ++x) {
+    return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k, int part) {
+        for (std::uint64_t x = part == 0 ? 0 : width / 2; x < (part == 0 ? width / 2 : width); ++x) {
             const T* source = mosaic + x * height;
             T* e = even + (x + 2) * stride + 1;
             T* o = odd + (x + 2) * stride + 1;
@@ -145,21 +155,24 @@ auto fromColumns(const T* mosaic, std::uint64_t height, std::uint64_t width) {
     };
 }
 
-// From a row-major mosaic (rows rowSamples apart): the even rows and the odd rows each
-// transposed straight into their half.
+// From a row-major mosaic (rows rowSamples apart): the even rows and the odd rows, the two
+// halves, each transposed straight into their half of the padded columns.
 template <typename T>
 auto fromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std::uint64_t width) {
-    return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k) {
+    return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k, int part) {
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(rows);
         const std::size_t rowBytes = rowSamples * sizeof(T);
         const std::uint64_t evenRows = (height + 1) / 2, oddRows = height / 2;
-        k.transposeIntoLines(bytes, 2 * rowBytes, even + 2 * stride + 1, stride, evenRows, width);
-        k.transposeIntoLines(bytes + rowBytes, 2 * rowBytes, odd + 2 * stride + 1, stride, oddRows, width);
-        // The rows above and below, from the source rows they reflect: the streamed lines are not
-        // read back.
+        if (part == 0)
+            k.transposeIntoLines(bytes, 2 * rowBytes, even + 2 * stride + 1, stride, evenRows, width);
+        else
+            k.transposeIntoLines(bytes + rowBytes, 2 * rowBytes, odd + 2 * stride + 1, stride, oddRows, width);
+        // The rows above and below in this half, from the source rows they reflect: the streamed
+        // lines are not read back.
         T* const halves[2] = {even, odd};
         for (int which = 0; which < 4; ++which) {
             const std::uint64_t q = borderRows(height, which);
+            if (static_cast<int>(q % 2) != part) continue;
             const T* source =
                 rows + reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height)) * rowSamples;
             T* at = halves[q % 2] + 2 * stride + q / 2;

@@ -74,9 +74,23 @@ void BayerTBBTask<T>::operator()() const {
     task.run();
 }
 
+bool PaddedGate::takeSecondHalf() const {
+    auto& half = const_cast<std::atomic<int>&>(secondHalf);
+    int expected = open;
+    if (half.load(std::memory_order_relaxed) != open ||
+        !half.compare_exchange_strong(expected, taken, std::memory_order_acquire))
+        return false;
+    writeSecondHalf(context);
+    half.store(done, std::memory_order_release);
+    return true;
+}
+
 template <typename T>
 void BayerTBBTask<T>::run() const {
     takeOver(padded.even);
+    if (std::this_thread::get_id() != gate->caller &&
+        gate->state.load(std::memory_order_acquire) == PaddedGate::writing)
+        gate->takeSecondHalf();
     int spins = 0;
     int state;
     while ((state = gate->state.load(std::memory_order_acquire)) == PaddedGate::writing) {
@@ -151,13 +165,26 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
         }
     }
     // The tasks are spawned before the padded copy is written, so that threads waking up to run
-    // them do so while this thread writes it; they start on it once the gate opens. Should a
-    // spawn fail, the gate is abandoned and the tasks already spawned return at once.
+    // them do so while this thread writes it; they start on it once the gate opens. The copy's
+    // second half goes to the first task to start on another thread while this thread writes the
+    // first, else to this thread. Should a spawn fail, the gate is abandoned and the tasks already
+    // spawned return once they have written what they took.
     PaddedGate gate;
+    const SampleKernels<T>& k = kernels().of<T>();
+    struct SecondHalf {
+        const PaddedMosaic<T>& padded;
+        std::uint64_t width;
+        const SampleKernels<T>& k;
+        const Fill& fill;
+    } second{padded, width, k, fill};
+    gate.context = &second;
+    gate.writeSecondHalf = [](const void* context) {
+        const auto& half = *static_cast<const SecondHalf*>(context);
+        fillHalf(half.padded, half.width, half.k, half.fill, 1);
+    };
     // Tasks on this thread may write the host planes in place where the 512-bit kernels run, for
     // 8-bit samples. With 16-bit ones the host planes are twice the size and the in-place writes,
     // which reach each of their lines twice, cost more than the planes they save.
-    const SampleKernels<T>& k = kernels().of<T>();
     const bool inPlace = sizeof(T) == 1 && k.mergeRows != nullptr;
     bool wroteInPlace[4] = {false, false, false, false};
     // The wait is isolated: while it waits, this thread runs only these four tasks, never another
@@ -190,7 +217,17 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
             handOver(padded.even);
             group.run(task);
         }
-        fillPadded(padded, width, k, fill);
+        fillHalf(padded, width, k, fill, 0);
+        if (!gate.takeSecondHalf()) {
+            // A task on another thread is writing it.
+            for (int spins = 0; gate.secondHalf.load(std::memory_order_acquire) != PaddedGate::done; ++spins) {
+                if (spins < 256)
+                    pause();
+                else
+                    std::this_thread::yield();
+            }
+        }
+        reflectEdges(padded, width);
         gate.state.store(PaddedGate::written, std::memory_order_release);
         group.wait();
         takeOver(padded.even);

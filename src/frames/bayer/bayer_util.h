@@ -38,11 +38,20 @@ struct PaddedMosaic {
 };
 
 // Whether the padded mosaic the tasks read has been written, and which thread writes it (and
-// then waits for the tasks).
+// then waits for the tasks). The copy is made in two independent halves: the calling thread
+// writes the first; the second is written by the first task to start on another thread, if one
+// starts before the calling thread gets to it.
 struct PaddedGate {
     static constexpr int writing = 0, written = 1, abandoned = 2;
+    static constexpr int open = 0, taken = 1, done = 2;  // states of the second half
     std::atomic<int> state{writing};
+    std::atomic<int> secondHalf{open};
     std::thread::id caller = std::this_thread::get_id();
+    void (*writeSecondHalf)(const void* context) = nullptr;
+    const void* context = nullptr;
+
+    // Writes the second half if nobody has taken it yet: true if this call wrote it.
+    bool takeSecondHalf() const;
 };
 
 // One of the four demosaic tasks: every site of one kind over the whole image, written into
