@@ -75,14 +75,17 @@ void BayerTBBTask<T>::operator()() const {
 }
 
 bool PaddedGate::takeSecondHalf() const {
-    auto& half = const_cast<std::atomic<int>&>(secondHalf);
     int expected = open;
-    if (half.load(std::memory_order_relaxed) != open ||
-        !half.compare_exchange_strong(expected, taken, std::memory_order_acquire))
+    if (secondHalf.load(std::memory_order_relaxed) != open ||
+        !secondHalf.compare_exchange_strong(expected, taken, std::memory_order_acquire))
         return false;
     writeSecondHalf(context);
-    half.store(done, std::memory_order_release);
+    secondHalf.store(done, std::memory_order_release);
     return true;
+}
+
+void PaddedGate::finish(int parity) const {
+    if (finished[parity].fetch_add(1, std::memory_order_acq_rel) == 1) mergeColumns(context, parity);
 }
 
 template <typename T>
@@ -99,7 +102,10 @@ void BayerTBBTask<T>::run() const {
         else
             std::this_thread::yield();
     }
-    if (state == PaddedGate::written) kernels->sites(*this);
+    if (state == PaddedGate::written) {
+        kernels->sites(*this);
+        gate->finish(static_cast<int>(firstColumn % 2));  // padded column 2 is image column 0
+    }
     handOver(padded.even);
 }
 
@@ -171,22 +177,51 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // spawned return once they have written what they took.
     PaddedGate gate;
     const SampleKernels<T>& k = kernels().of<T>();
-    struct SecondHalf {
-        const PaddedMosaic<T>& padded;
-        std::uint64_t width;
-        const SampleKernels<T>& k;
-        const Fill& fill;
-    } second{padded, width, k, fill};
-    gate.context = &second;
-    gate.writeSecondHalf = [](const void* context) {
-        const auto& half = *static_cast<const SecondHalf*>(context);
-        fillHalf(half.padded, half.width, half.k, half.fill, 1);
-    };
     // Tasks on this thread may write the host planes in place where the 512-bit kernels run, for
     // 8-bit samples. With 16-bit ones the host planes are twice the size and the in-place writes,
     // which reach each of their lines twice, cost more than the planes they save.
     const bool inPlace = sizeof(T) == 1 && k.mergeRows != nullptr;
     bool wroteInPlace[4] = {false, false, false, false};
+    // The columns of one parity into the host planes, once both of their tasks are done: the two
+    // tasks' rows interleaved, or those of one between the rows the other wrote in place; the
+    // sites' own samples come from the padded copy.
+    T* const out[3] = {red, green, blue};
+    auto merge = [&](int parity) {
+        const bool written[2] = {wroteInPlace[parity], wroteInPlace[2 + parity]};
+        const std::uint64_t sitesOf[2] = {evenSites, oddSites};
+        for (int plane = 0; plane < 3; ++plane)
+            for (auto x = static_cast<std::uint64_t>(parity); x < width; x += 2) {
+                const T* rows[2];
+                for (int rowParity = 0; rowParity < 2; ++rowParity) {
+                    const T* computed = regions[2 * rowParity + parity][plane];
+                    const T* own = (rowParity == 0 ? padded.even : padded.odd) + (x + 2) * padded.stride + 1;
+                    rows[rowParity] = computed != nullptr ? computed + x / 2 * columnOf[rowParity] : own;
+                }
+                if (!written[0] && !written[1]) {
+                    interleave(k, rows[0], rows[1], out[plane] + x * height, height);
+                    continue;
+                }
+                for (int rowParity = 0; rowParity < 2; ++rowParity)
+                    if (!written[rowParity])
+                        k.mergeRows(rows[rowParity], out[plane] + x * height, sitesOf[rowParity], rowParity == 1);
+            }
+    };
+    // What the tasks call back: the second half of the padded copy, and the merges.
+    struct Shared {
+        const PaddedMosaic<T>& padded;
+        std::uint64_t width;
+        const SampleKernels<T>& k;
+        const Fill& fill;
+        const decltype(merge)& mergeParity;
+    } shared{padded, width, k, fill, merge};
+    gate.context = &shared;
+    gate.writeSecondHalf = [](const void* context) {
+        const auto& s = *static_cast<const Shared*>(context);
+        fillHalf(s.padded, s.width, s.k, s.fill, 1);
+    };
+    gate.mergeColumns = [](const void* context, int parity) {
+        static_cast<const Shared*>(context)->mergeParity(parity);
+    };
     // The wait is isolated: while it waits, this thread runs only these four tasks, never another
     // of the host's own tasks, which could start a demosaic of its own on this thread.
     oneapi::tbb::this_task_arena::isolate([&] {
@@ -232,27 +267,6 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
         group.wait();
         takeOver(padded.even);
     });
-    T* const out[3] = {red, green, blue};
-    for (int plane = 0; plane < 3; ++plane)
-        for (std::uint64_t x = 0; x < width; ++x) {
-            const int parity = static_cast<int>(x & 1);
-            const T* rows[2];
-            for (int rowParity = 0; rowParity < 2; ++rowParity) {
-                const T* computed = regions[2 * rowParity + parity][plane];
-                const T* own = (rowParity == 0 ? padded.even : padded.odd) + (x + 2) * padded.stride + 1;
-                rows[rowParity] = computed != nullptr ? computed + x / 2 * columnOf[rowParity] : own;
-            }
-            // Both rows interleaved, or those of one task between the rows written in place.
-            const bool written[2] = {wroteInPlace[parity], wroteInPlace[2 + parity]};
-            if (!written[0] && !written[1]) {
-                interleave(k, rows[0], rows[1], out[plane] + x * height, height);
-                continue;
-            }
-            const std::uint64_t sitesOf[2] = {evenSites, oddSites};
-            for (int rowParity = 0; rowParity < 2; ++rowParity)
-                if (!written[rowParity])
-                    k.mergeRows(rows[rowParity], out[plane] + x * height, sitesOf[rowParity], rowParity == 1);
-        }
 }
 
 }  // namespace

@@ -41,17 +41,25 @@ struct PaddedMosaic {
 // then waits for the tasks). The copy is made in two independent halves: the calling thread
 // writes the first; the second is written by the first task to start on another thread, if one
 // starts before the calling thread gets to it.
+//
+// The gate also holds the merges: the sites of the even image columns come from two tasks, those
+// of the odd ones from the other two, and the last task of each pair to finish merges its
+// columns into the host planes, while the other pair may still be at work.
 struct PaddedGate {
     static constexpr int writing = 0, written = 1, abandoned = 2;
     static constexpr int open = 0, taken = 1, done = 2;  // states of the second half
     std::atomic<int> state{writing};
-    std::atomic<int> secondHalf{open};
+    mutable std::atomic<int> secondHalf{open};
+    mutable std::atomic<int> finished[2] = {0, 0};  // tasks done, by the parity of their columns
     std::thread::id caller = std::this_thread::get_id();
     void (*writeSecondHalf)(const void* context) = nullptr;
+    void (*mergeColumns)(const void* context, int parity) = nullptr;
     const void* context = nullptr;
 
     // Writes the second half if nobody has taken it yet: true if this call wrote it.
     bool takeSecondHalf() const;
+    // Called by each task once its sites are written: the second of a pair merges their columns.
+    void finish(int parity) const;
 };
 
 // One of the four demosaic tasks: every site of one kind over the whole image, written into
