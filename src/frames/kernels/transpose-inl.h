@@ -197,14 +197,14 @@ HWY_INLINE void streamColumnPart(std::uint8_t* column, std::size_t from, std::si
 }
 
 // Streams the columns of `planes` planes, column x of plane p starting at columnAt(p, x), over
-// rows [0, rows) and columns [from, cols): for each band of `bandRows` rows (bands outermost)
-// and strip of `strip` columns, tile(b0, b1, s0, s1, stage) stages the tile, column x of plane p
+// rows [0, rows) and columns [from, cols): for each band of bandBytes / sampleBytes rows (bands
+// outermost) and strip of `strip` columns, tile(b0, b1, s0, s1, stage) stages the tile, column x of plane p
 // at stage + (p * strip + x - s0) * bandBytes, each row sampleBytes on; then each column's part
 // of the band is streamed.
 template <std::size_t sampleBytes, std::size_t bandBytes, class ColumnAt, class Tile>
 void streamBands(std::size_t planes, ColumnAt columnAt, std::size_t rows, std::size_t from, std::size_t cols,
                  std::size_t strip, const Tile& tile) {
-    static_assert(bandBytes % 64 == 0 && bandBytes % 16 == 0);
+    static_assert(bandBytes % 64 == 0, "bands of whole lines");
     constexpr std::size_t bandRows = bandBytes / sampleBytes;
     const std::size_t columns = cols - from;
     const Staging staging = stagingFor(planes * strip * bandBytes, planes * columns);
@@ -237,7 +237,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     alignas(16) std::uint8_t order[16];  // reverses the bytes of each sample
     for (std::size_t i = 0; i < 16; ++i) order[i] = static_cast<std::uint8_t>(i / N * N + (N - 1 - i % N));
     const auto swapOrder = hn::LoadDup128(d, order);
-    // The block at row r0, column c0: store(c, r0, piece) for each column piece.
+    // The block at row r0, column c0: store(c, piece) for the piece of each column c.
     auto block = [&](std::size_t r0, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
         hn::VFromD<D> v[V];
         for (std::size_t i = 0; i < V; ++i)
