@@ -250,7 +250,9 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         }
     };
     if (stores == ColumnStores::Streamed) {
-        constexpr std::size_t bandBytes = 256;  // four lines of each column
+        // Four lines of each column, 16 for samples of four bytes or more, whose strips are
+        // narrower (16 or 8 columns).
+        constexpr std::size_t bandBytes = N <= 2 ? 256 : 1024;
         streamBands<N, bandBytes>(
             1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, from, fullCols, stripColumns,
             [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {

@@ -72,7 +72,7 @@ void unpackWordImageKernel(const std::uint8_t* src, std::size_t width, std::size
             flip, SampleOp::Copy, ColumnStores::Cached);
     };
     if (stores == ColumnStores::Streamed) {
-        constexpr std::size_t bandBytes = 256, bandRows = bandBytes / sizeof(Sample), strip = 32;
+        constexpr std::size_t bandBytes = 512, bandRows = bandBytes / sizeof(Sample), strip = 32;
         thread_local std::vector<Word> words;
         words.resize(strip * bandRows);
         streamBands<sizeof(Sample), bandBytes>(
