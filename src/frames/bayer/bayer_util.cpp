@@ -63,6 +63,17 @@ inline void pause() {
 #endif
 }
 
+// Spins a little, then yields, until done() holds.
+template <typename Done>
+void waitUntil(Done done) {
+    for (int spins = 0; !done(); ++spins) {
+        if (spins < 256)
+            pause();
+        else
+            std::this_thread::yield();
+    }
+}
+
 }  // namespace
 
 template <typename T>
@@ -94,14 +105,8 @@ void BayerTBBTask<T>::run() const {
     if (std::this_thread::get_id() != gate->caller &&
         gate->state.load(std::memory_order_acquire) == PaddedGate::writing)
         gate->takeSecondHalf();
-    int spins = 0;
-    int state;
-    while ((state = gate->state.load(std::memory_order_acquire)) == PaddedGate::writing) {
-        if (++spins < 256)
-            pause();
-        else
-            std::this_thread::yield();
-    }
+    int state = PaddedGate::writing;
+    waitUntil([&] { return (state = gate->state.load(std::memory_order_acquire)) != PaddedGate::writing; });
     if (state == PaddedGate::written) {
         kernels->sites(*this);
         gate->finish(static_cast<int>(firstColumn % 2));  // padded column 2 is image column 0
@@ -253,15 +258,8 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
             group.run(task);
         }
         fillHalf(padded, width, k, fill, 0);
-        if (!gate.takeSecondHalf()) {
-            // A task on another thread is writing it.
-            for (int spins = 0; gate.secondHalf.load(std::memory_order_acquire) != PaddedGate::done; ++spins) {
-                if (spins < 256)
-                    pause();
-                else
-                    std::this_thread::yield();
-            }
-        }
+        if (!gate.takeSecondHalf())  // a task on another thread is writing it
+            waitUntil([&] { return gate.secondHalf.load(std::memory_order_acquire) == PaddedGate::done; });
         reflectEdges(padded, width);
         gate.state.store(PaddedGate::written, std::memory_order_release);
         group.wait();
