@@ -131,10 +131,10 @@ TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
     });
 }
 
-// Tasks on the calling thread write the host planes in place, the others write planes that are
-// merged afterwards, and the padded copy's second half is written by whichever thread takes it:
-// the planes are the same whichever threads run the tasks, with every task on the calling thread
-// (one thread allowed) or spread over the pool.
+// The padded copy's second half is written by whichever thread takes it, and each pair of tasks'
+// columns merged by whichever of the two finishes last: the planes are the same whichever threads
+// run the tasks, with every task on the calling thread (one thread allowed) or spread over the
+// pool.
 TEST(Demosaic, PlanesAreTheSameWhicheverThreadsRunTheTasks) {
     std::mt19937 rng(11);
     std::vector<std::uint8_t> mosaic(1200 * 800);

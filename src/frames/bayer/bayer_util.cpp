@@ -151,11 +151,10 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
 
     Workspace workspace;
     const PaddedMosaic<T> padded = paddedStorage<T>(workspace, height, width);
-    // A task writes the two planes it computes, column by column, into storage of its own (unless
-    // it writes the host planes in place, below); once all have finished, those rows go into the
-    // host planes, with the sites' own samples taken straight from the padded copy. Tasks on
-    // different threads thus never write the same cache lines. Columns of sites are padded to
-    // whole cache lines, so vector kernels store whole vectors.
+    // A task writes the two planes it computes, column by column, into storage of its own; once
+    // both tasks of a column parity have finished, their rows go into the host planes, with the
+    // sites' own samples taken straight from the padded copy. Columns of sites are padded to whole
+    // cache lines, so vector kernels store whole vectors.
     constexpr std::uint64_t perLine = lineBytes / sizeof(T);
     const std::uint64_t evenSites = (height + 1) / 2, oddSites = height / 2;
     const std::uint64_t columnOf[2] = {(evenSites + perLine - 1) / perLine * perLine,
@@ -182,18 +181,10 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // spawned return once they have written what they took.
     PaddedGate gate;
     const SampleKernels<T>& k = kernels().of<T>();
-    // Tasks on this thread may write the host planes in place where the 512-bit kernels run, for
-    // 8-bit samples. With 16-bit ones the host planes are twice the size and the in-place writes,
-    // which reach each of their lines twice, cost more than the planes they save.
-    const bool inPlace = sizeof(T) == 1 && k.mergeRows != nullptr;
-    bool wroteInPlace[4] = {false, false, false, false};
     // The columns of one parity into the host planes, once both of their tasks are done: the two
-    // tasks' rows interleaved, or those of one between the rows the other wrote in place; the
-    // sites' own samples come from the padded copy.
+    // tasks' rows interleaved, the sites' own samples taken from the padded copy.
     T* const out[3] = {red, green, blue};
     auto merge = [&](int parity) {
-        const bool written[2] = {wroteInPlace[parity], wroteInPlace[2 + parity]};
-        const std::uint64_t sitesOf[2] = {evenSites, oddSites};
         for (int plane = 0; plane < 3; ++plane)
             for (auto x = static_cast<std::uint64_t>(parity); x < width; x += 2) {
                 const T* rows[2];
@@ -202,13 +193,7 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
                     const T* own = (rowParity == 0 ? padded.even : padded.odd) + (x + 2) * padded.stride + 1;
                     rows[rowParity] = computed != nullptr ? computed + x / 2 * columnOf[rowParity] : own;
                 }
-                if (!written[0] && !written[1]) {
-                    interleave(k, rows[0], rows[1], out[plane] + x * height, height);
-                    continue;
-                }
-                for (int rowParity = 0; rowParity < 2; ++rowParity)
-                    if (!written[rowParity])
-                        k.mergeRows(rows[rowParity], out[plane] + x * height, sitesOf[rowParity], rowParity == 1);
+                interleave(k, rows[0], rows[1], out[plane] + x * height, height);
             }
     };
     // What the tasks call back: the second half of the padded copy, and the merges.
@@ -240,20 +225,9 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
         } abandon{gate};
         for (int t = 0; t < 4; ++t) {
             const Site& site = sites[t];
-            const BayerTBBTask<T> task{height,
-                                       width,
-                                       site.column,
-                                       site.row,
-                                       0,
-                                       upper,
-                                       {regions[t][0], regions[t][1], regions[t][2]},
-                                       columnOf[t / 2],
-                                       padded,
-                                       site.kind,
-                                       &gate,
-                                       {inPlace ? red : nullptr, inPlace ? green : nullptr, inPlace ? blue : nullptr},
-                                       &wroteInPlace[t],
-                                       &k};
+            const BayerTBBTask<T> task{
+                height,          width,  site.column, site.row, 0, upper, {regions[t][0], regions[t][1], regions[t][2]},
+                columnOf[t / 2], padded, site.kind,   &gate,    &k};
             handOver(padded.even);
             group.run(task);
         }

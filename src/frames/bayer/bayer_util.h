@@ -76,12 +76,7 @@ struct BayerTBBTask {
     std::uint64_t planeColumn;   // elements from one column of sites to the next in the planes
     PaddedMosaic<T> padded;
     BayerSiteKind kind;
-    const PaddedGate* gate;  // the task starts once the padded copy is written
-    // The host planes, when the processor can store every other element of a column alone: a
-    // task on the calling thread then writes its sites (all three colors) there in place, and
-    // says so in wroteInPlace.
-    T* hostPlanes[3];
-    bool* wroteInPlace;
+    const PaddedGate* gate;           // the task starts once the padded copy is written
     const SampleKernels<T>* kernels;  // the table the whole demosaic uses
 
     void operator()() const;

@@ -31,8 +31,7 @@ constexpr SampleKernels<T> sampleKernels() {
     return {.sites = sitesKernel<T>,
             .deinterleave = deinterleaveKernel<T>,
             .interleave = interleaveKernel<T>,
-            .transposeIntoLines = transposeIntoLinesKernel<T>,
-            .mergeRows = kLoneStores ? mergeRowsKernel<T> : nullptr};
+            .transposeIntoLines = transposeIntoLinesKernel<T>};
 }
 
 template <std::size_t... Packings>

@@ -36,9 +36,6 @@ struct SampleKernels {
     // stride samples apart, streaming whole cache lines where the columns start on them.
     void (*transposeIntoLines)(const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
                                std::uint64_t rows, std::uint64_t cols);
-    // Writes count samples into every other element of a host column, from its first (even
-    // rows) or second (odd rows) element on; null where the processor cannot store lone elements.
-    void (*mergeRows)(const T* sites, T* column, std::uint64_t count, bool oddRows);
 };
 
 struct Kernels {

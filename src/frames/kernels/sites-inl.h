@@ -19,14 +19,6 @@ HWY_BEFORE_NAMESPACE();
 namespace lumoframekit {
 namespace HWY_NAMESPACE {
 
-// Whether this instruction set stores lone elements of a vector (masked stores), so that a task
-// may write every other element of a host column in place.
-#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
-constexpr bool kLoneStores = true;
-#else
-constexpr bool kLoneStores = false;
-#endif
-
 // Sites are computed in lanes wide enough for the sums (16-bit lanes for 8-bit samples, 32-bit
 // lanes for 16-bit ones), a full vector of them per step, and narrowed to a half vector of samples.
 template <typename T>
@@ -76,38 +68,10 @@ HWY_INLINE void computeSites(const T* s, const T* o, std::uint64_t stride, typen
     }
 }
 
-// The mask of `count` sites of one row parity: every other element of a column, two elements per
-// site.
-template <typename T>
-HWY_INLINE auto rowMask(bool oddRows, std::uint64_t count) {
-    const typename SiteLanes<T>::Samples d;
-    const auto parity = hn::Eq(hn::And(hn::Iota(d, 0), hn::Set(d, T{1})), hn::Set(d, static_cast<T>(oddRows)));
-    return hn::And(parity, hn::FirstN(d, 2 * std::min(count, SiteLanes<T>::lanes)));
-}
-
-// A wide lane holds a sample in its low half and zero above; shifted up by a sample for odd rows,
-// the lanes line up with a column's elements.
-template <typename T>
-HWY_INLINE void storeRows(T* at, bool oddRows, std::uint64_t count, typename SiteLanes<T>::V v) {
-    const typename SiteLanes<T>::Samples d;
-    const auto placed = oddRows ? hn::ShiftLeft<8 * sizeof(T)>(v) : v;
-    hn::BlendedStore(hn::BitCast(d, placed), rowMask<T>(oddRows, count), d, at);
-}
-
-template <typename T>
-void mergeRowsKernel(const T* sites, T* column, std::uint64_t count, bool oddRows) {
-    using L = SiteLanes<T>;
-    // A whole vector is read: the task planes' and the padded copy's columns are padded to whole
-    // cache lines.
-    for (std::uint64_t i = 0; i < count; i += L::lanes)
-        storeRows(column + 2 * i, oddRows, count - i, L::load(sites + i));
-}
-
-// The planes are read back by the calling thread once every task is done. Tasks on other threads
-// stream them to memory, so that their lines are not then claimed from another core's cache;
-// tasks on the calling thread leave them cached for it, or, where lone elements can be stored,
-// write the host planes in place: the tasks there then leave no planes to interleave afterwards,
-// and the other threads' tasks keep to planes of their own, so no two cores write the same lines.
+// A task writes the two planes it computes into memory of its own; the last task of each pair
+// merges them into the host planes. Tasks on other threads stream their planes to memory, so that
+// their lines are not then claimed from another core's cache; tasks on the calling thread leave
+// them cached.
 template <typename T, BayerUtil::BayerSiteKind Kind>
 void siteColumns(const BayerUtil::BayerTBBTask<T>& task) {
     using namespace BayerUtil;
@@ -125,27 +89,12 @@ void siteColumns(const BayerUtil::BayerTBBTask<T>& task) {
     const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
     const auto zero = hn::Zero(d), upper = hn::Set(d, static_cast<typename L::Wide>(task.upper));
     auto clamp = [&](typename L::V v) { return hn::Min(hn::Max(v, zero), upper); };
-    const bool inPlace = kLoneStores && !stream && task.hostPlanes[0] != nullptr;
     // Streaming takes vectors of at least 16 bytes.
     const bool streamStores = stream && hn::MaxLanes(dn) * sizeof(T) >= 16;
-    if (inPlace) *task.wroteInPlace = true;
     std::uint64_t out = 0;
     for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += task.planeColumn) {
         const T* column = same + p * stride + 1;
         const T* otherRow = other + p * stride + above;
-        if (inPlace) {
-            const std::uint64_t hostColumn = (p - 2) * h;
-            for (std::uint64_t i = 0; i < sites; i += L::lanes) {
-                typename L::V values[3];
-                computeSites<T, greenSite>(column + i, otherRow + i, stride, values[firstPlane], values[secondPlane]);
-                values[firstPlane] = clamp(values[firstPlane]);
-                values[secondPlane] = clamp(values[secondPlane]);
-                values[3 - firstPlane - secondPlane] = L::load(column + i);  // the site's own
-                for (int plane = 0; plane < 3; ++plane)
-                    storeRows(task.hostPlanes[plane] + hostColumn + 2 * i, !evenSites, sites - i, values[plane]);
-            }
-            continue;
-        }
         // Whole vectors: the planes' columns are padded to whole cache lines.
         for (std::uint64_t i = 0; i < sites; i += L::lanes) {
             typename L::V first, second;
