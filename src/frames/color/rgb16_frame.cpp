@@ -1,6 +1,3 @@
-#include <algorithm>
-#include <cstring>
-
 #include "frames/core/format_table.h"
 #include "frames/core/planes.h"
 #include "frames/core/transpose.h"
