@@ -209,8 +209,7 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                         // What the next strip reads of these rows: no hardware prefetcher follows
                         // this many rows at once.
                         const std::size_t next = (x0 + stripPixels) / 16 * block.blockBytes;
-                        for (std::size_t i = 0; i < 16; ++i)
-                            for (std::size_t k = 0; k < rowBytes; k += 64) hwy::Prefetch(rows.at[i] + next + k);
+                        for (std::size_t i = 0; i < 16; ++i) prefetchSpan(rows.at[i] + next, rowBytes);
                         if (!splitBlock(rows, x0, base, bandBytes)) break;
                     }
                 }

@@ -103,7 +103,8 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
             [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
                 for (std::size_t r0 = b0; r0 < b1; r0 += 8) {
                     // What the next strip reads of these rows.
-                    for (std::size_t i = 0; i < 8; ++i) hwy::Prefetch(buffer + (r0 + i) * rowBytes + s1 / 8 * G);
+                    for (std::size_t i = 0; i < 8; ++i)
+                        prefetchSpan(buffer + (r0 + i) * rowBytes + s1 / 8 * G, strip / 8 * G);
                     for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
                         block(r0, c0, [&](std::size_t c, BlockVector piece) {
                             hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * 2);

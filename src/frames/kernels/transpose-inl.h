@@ -142,6 +142,15 @@ void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt co
 // with streaming stores. The up to 63 bytes of a column that end a band without finishing a line
 // are carried to the next band; a column's first and last partial lines take plain stores.
 
+// Prefetches every line that bytes [at, at + bytes) touch: what the next strip of a tile reads of
+// one row, which no hardware prefetcher follows when a tile spans this many rows. The address is
+// only a hint, so it may run past the row.
+HWY_INLINE void prefetchSpan(const std::uint8_t* at, std::size_t bytes) {
+    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(at);
+    for (std::uintptr_t line = begin & ~std::uintptr_t{63}; line < begin + bytes; line += 64)
+        hwy::Prefetch(reinterpret_cast<const std::uint8_t*>(line));
+}
+
 // Staging memory of the calling thread, 64-byte aligned: `stage` bytes, then 64 for each of
 // `columns` columns' carried bytes.
 struct Staging {
@@ -258,11 +267,10 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
                 for (std::size_t r0 = b0; r0 < b1; r0 += V)
                     for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
-                        // The rows' next line, which the next strip reads: no hardware prefetcher
-                        // follows this many rows at once.
                         if (c0 == s0)
                             for (std::size_t i = 0; i < V; ++i)
-                                hwy::Prefetch(src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + s1 * N);
+                                prefetchSpan(src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + s1 * N,
+                                             stripColumns * N);
                         block(r0, c0, [&](std::size_t c, BlockVector piece) {
                             hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
                         });

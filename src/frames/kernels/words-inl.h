@@ -83,7 +83,7 @@ void unpackWordImageKernel(const std::uint8_t* src, std::size_t width, std::size
                 // What the next strip reads of these rows: no hardware prefetcher follows this
                 // many rows at once.
                 for (std::size_t r = b0; r < b1; ++r)
-                    hwy::Prefetch(src + (flip ? height - 1 - r : r) * width * N + s1 * N);
+                    prefetchSpan(src + (flip ? height - 1 - r : r) * width * N + s1 * N, strip * N);
                 transposeBand(b0, rows, s0, s1 - s0, words.data());
                 for (std::size_t x = s0; x < s1; ++x) {
                     Sample* const out[3] = {reinterpret_cast<Sample*>(stage + (x - s0) * bandBytes),
