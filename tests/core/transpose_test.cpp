@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "frames/core/transpose.h"
+#include "frames/color/chroma.h"
 #include "vector_widths.h"
 
 using namespace lumoframekit;
@@ -78,5 +79,31 @@ TEST(Transpose, VectorAndPortableKernelsMatchTheDefinition) {
         check<2>(bits);
         check<4>(bits);
         check<8>(bits);
+    });
+}
+
+// Widened chroma streamed to a large plane matches the same stored in place, column groups of
+// every alignment included (odd row counts), and nothing lands outside the plane.
+TEST(Transpose, StreamedChromaWideningMatchesStoresInPlace) {
+    forEachVectorWidth([](int bits) {
+        std::mt19937 rng(7);
+        for (std::size_t n : {2, 4})
+            for (auto [width, rows] : {std::pair<std::size_t, std::size_t>{1, 1}, {7, 5}, {130, 67}, {33, 300}})
+                for (std::size_t offset : {0, 5}) {
+                    const std::size_t chromaRows = (rows + n - 1) / n, chromaColumns = (width + n - 1) / n;
+                    std::vector<std::uint8_t> columns(chromaRows * chromaColumns);
+                    for (auto& b : columns) b = static_cast<std::uint8_t>(rng());
+                    std::vector<std::uint8_t> inPlace(width * rows), streamed(width * rows + 128 + offset, 0xEE);
+                    widenChroma(columns.data(), chromaRows, inPlace.data(), width, rows, n);
+                    std::uint8_t* const at = streamed.data() + 64 + offset;
+                    widenChroma(columns.data(), chromaRows, at, width, rows, n, ColumnStores::Streamed);
+                    EXPECT_EQ(std::vector<std::uint8_t>(at, at + inPlace.size()), inPlace)
+                        << width << "x" << rows << " by " << n << " at offset " << offset << ", " << bits << " bits";
+                    EXPECT_TRUE(std::all_of(streamed.begin(),
+                                            streamed.begin() + 64 + static_cast<std::ptrdiff_t>(offset),
+                                            [](std::uint8_t b) { return b == 0xEE; }));
+                    EXPECT_TRUE(
+                        std::all_of(streamed.end() - 64, streamed.end(), [](std::uint8_t b) { return b == 0xEE; }));
+                }
     });
 }

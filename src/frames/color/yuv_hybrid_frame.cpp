@@ -55,8 +55,8 @@ void YUVHybridFrame::getData(void** dest) {
         // transposed as 16-bit samples, split into U and V columns, and widened.
         const auto imageWidth = static_cast<std::size_t>(w), rows = static_cast<std::size_t>(h);
         const auto pitch = static_cast<std::size_t>(stride);
-        transposeSamples<1>(buffer, pitch, out.plane[0], rows, rows, imageWidth, false, SampleOp::Copy,
-                            columnStoresFor(3 * rows * imageWidth, rows));
+        const ColumnStores stores = columnStoresFor(3 * rows * imageWidth, rows);
+        transposeSamples<1>(buffer, pitch, out.plane[0], rows, rows, imageWidth, false, SampleOp::Copy, stores);
         const std::size_t chromaColumns = (imageWidth + 1) / 2, chromaRows = (rows + 1) / 2;
         const std::size_t samples = chromaColumns * chromaRows;
         std::uint8_t* pairs = threadScratch(4 * samples);
@@ -64,8 +64,8 @@ void YUVHybridFrame::getData(void** dest) {
         transposeSamples<2>(buffer + chromaBase, pitch, pairs, chromaRows, chromaRows, chromaColumns, false,
                             SampleOp::Copy);
         kernels().u8.deinterleave(pairs, u, v, samples);
-        widenChroma(u, chromaRows, out.plane[1], imageWidth, rows, 2);
-        widenChroma(v, chromaRows, out.plane[2], imageWidth, rows, 2);
+        widenChroma(u, chromaRows, out.plane[1], imageWidth, rows, 2, stores);
+        widenChroma(v, chromaRows, out.plane[2], imageWidth, rows, 2, stores);
         return;
     }
     const std::uint8_t* columnChroma = buffer + chromaBase;

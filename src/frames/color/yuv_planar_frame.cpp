@@ -80,15 +80,16 @@ void YUVPlanarFrame::getData(void** dest) {
     if (!out.valid) return;
     const PlaneOffsets planes = offsetsOf(*f, lumaSize, chromaSize);
     const auto w = static_cast<std::size_t>(width), rows = static_cast<std::size_t>(h);
+    const ColumnStores stores = columnStoresFor(3 * rows * w, rows);
     transposeSamples<1>(buffer + planes.at[Y], static_cast<std::size_t>(paddedWidth), out.plane[0], rows, rows, w,
-                        false, SampleOp::Copy, columnStoresFor(3 * rows * w, rows));
+                        false, SampleOp::Copy, stores);
     const auto n = static_cast<std::size_t>(factor);
     const std::size_t chromaColumns = (w + n - 1) / n, chromaRows = (rows + n - 1) / n;
     std::uint8_t* columns = threadScratch(chromaColumns * chromaRows);
     for (PlaneId id : {U, V}) {
         transposeSamples<1>(buffer + planes.at[id], static_cast<std::size_t>(chromaRow), columns, chromaRows,
                             chromaRows, chromaColumns, false, SampleOp::Copy);
-        widenChroma(columns, chromaRows, out.plane[id == U ? 1 : 2], w, rows, n);
+        widenChroma(columns, chromaRows, out.plane[id == U ? 1 : 2], w, rows, n, stores);
     }
 }
 

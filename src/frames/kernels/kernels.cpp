@@ -41,6 +41,7 @@ Kernels tableOf(std::index_sequence<Packings...>) {
             .transpose = {transposeSamplesKernel<1>, transposeSamplesKernel<2>, transposeSamplesKernel<4>,
                           transposeSamplesKernel<8>},
             .transposePixels = transposePixelsKernel,
+            .streamCopy = streamCopyKernel,
             .unpackWordImage16 = unpackWordImageKernel<std::uint16_t, std::uint8_t>,
             .unpackWordImage32 = unpackWordImageKernel<std::uint32_t, std::uint16_t>,
             .splitInterleaved = splitInterleavedKernel,

@@ -205,6 +205,13 @@ HWY_INLINE void streamColumnPart(std::uint8_t* column, std::size_t from, std::si
         std::memcpy(carry, staged + (w - p), static_cast<std::size_t>(q - w));
 }
 
+// Copies `bytes` from `from` to `to` (apart), the destination's whole lines with streaming stores,
+// and waits for them.
+inline void streamCopyKernel(std::uint8_t* to, const std::uint8_t* from, std::size_t bytes) {
+    streamColumnPart(to, 0, bytes, from, true, true, nullptr);
+    hwy::FlushStream();
+}
+
 // Streams the columns of `planes` planes, column x of plane p starting at columnAt(p, x), over
 // rows [0, rows) and columns [from, cols): for each band of bandBytes / sampleBytes rows (bands
 // outermost) and strip of `strip` columns, tile(b0, b1, s0, s1, stage) stages the tile, column x of plane p
