@@ -57,15 +57,20 @@ void YUVHybridFrame::getData(void** dest) {
         const auto pitch = static_cast<std::size_t>(stride);
         const ColumnStores stores = columnStoresFor(3 * rows * imageWidth, rows);
         transposeSamples<1>(buffer, pitch, out.plane[0], rows, rows, imageWidth, false, SampleOp::Copy, stores);
+        // The chroma a strip of pair columns at a time, whose scratch stays in the caches.
+        constexpr std::size_t strip = 32;
         const std::size_t chromaColumns = (imageWidth + 1) / 2, chromaRows = (rows + 1) / 2;
-        const std::size_t samples = chromaColumns * chromaRows;
-        std::uint8_t* pairs = threadScratch(4 * samples);
-        std::uint8_t *u = pairs + 2 * samples, *v = u + samples;
-        transposeSamples<2>(buffer + chromaBase, pitch, pairs, chromaRows, chromaRows, chromaColumns, false,
-                            SampleOp::Copy);
-        kernels().u8.deinterleave(pairs, u, v, samples);
-        widenChroma(u, chromaRows, out.plane[1], imageWidth, rows, 2, stores);
-        widenChroma(v, chromaRows, out.plane[2], imageWidth, rows, 2, stores);
+        std::uint8_t* pairs = threadScratch(4 * strip * chromaRows);
+        for (std::size_t c0 = 0; c0 < chromaColumns; c0 += strip) {
+            const std::size_t columns = std::min(strip, chromaColumns - c0), samples = columns * chromaRows;
+            std::uint8_t *u = pairs + 2 * samples, *v = u + samples;
+            transposeSamples<2>(buffer + chromaBase + 2 * c0, pitch, pairs, chromaRows, chromaRows, columns, false,
+                                SampleOp::Copy);
+            kernels().u8.deinterleave(pairs, u, v, samples);
+            const std::size_t covered = std::min(2 * columns, imageWidth - 2 * c0);
+            widenChroma(u, chromaRows, out.plane[1] + 2 * c0 * rows, covered, rows, 2, stores);
+            widenChroma(v, chromaRows, out.plane[2] + 2 * c0 * rows, covered, rows, 2, stores);
+        }
         return;
     }
     const std::uint8_t* columnChroma = buffer + chromaBase;

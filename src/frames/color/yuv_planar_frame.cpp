@@ -85,12 +85,17 @@ void YUVPlanarFrame::getData(void** dest) {
                         false, SampleOp::Copy, stores);
     const auto n = static_cast<std::size_t>(factor);
     const std::size_t chromaColumns = (w + n - 1) / n, chromaRows = (rows + n - 1) / n;
-    std::uint8_t* columns = threadScratch(chromaColumns * chromaRows);
-    for (PlaneId id : {U, V}) {
-        transposeSamples<1>(buffer + planes.at[id], static_cast<std::size_t>(chromaRow), columns, chromaRows,
-                            chromaRows, chromaColumns, false, SampleOp::Copy);
-        widenChroma(columns, chromaRows, out.plane[id == U ? 1 : 2], w, rows, n, stores);
-    }
+    // A strip of chroma columns at a time, whose scratch stays in the caches.
+    constexpr std::size_t strip = 64;
+    std::uint8_t* columns = threadScratch(strip * chromaRows);
+    for (PlaneId id : {U, V})
+        for (std::size_t c0 = 0; c0 < chromaColumns; c0 += strip) {
+            const std::size_t count = std::min(strip, chromaColumns - c0);
+            transposeSamples<1>(buffer + planes.at[id] + c0, static_cast<std::size_t>(chromaRow), columns, chromaRows,
+                                chromaRows, count, false, SampleOp::Copy);
+            widenChroma(columns, chromaRows, out.plane[id == U ? 1 : 2] + c0 * n * rows,
+                        std::min(count * n, w - c0 * n), rows, n, stores);
+        }
 }
 
 std::uint8_t* YUVPlanarFrame::copyRegionToBuffer(const std::uint8_t* src, std::uint32_t srcWidth,
