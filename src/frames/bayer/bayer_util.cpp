@@ -1,5 +1,6 @@
 #include "frames/bayer/bayer_util.h"
 
+#include <hwy/cache_control.h>
 #include <oneapi/tbb/task_arena.h>
 #include <oneapi/tbb/task_group.h>
 
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <new>
 #include <thread>
+#include <vector>
 
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
@@ -183,8 +185,13 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     const SampleKernels<T>& k = kernels().of<T>();
     // The columns of one parity into the host planes, once both of their tasks are done: the two
     // tasks' rows interleaved, the sites' own samples taken from the padded copy.
+    // Large host planes take whole columns streamed from staging memory.
     T* const out[3] = {red, green, blue};
+    const bool stream = columnStoresFor(3 * width * height * sizeof(T), height) == ColumnStores::Streamed;
+    const auto streamCopy = kernels().streamCopy;
     auto merge = [&](int parity) {
+        thread_local std::vector<T> staging;
+        if (stream) staging.resize(height);
         for (int plane = 0; plane < 3; ++plane)
             for (auto x = static_cast<std::uint64_t>(parity); x < width; x += 2) {
                 const T* rows[2];
@@ -193,8 +200,13 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
                     const T* own = (rowParity == 0 ? padded.even : padded.odd) + (x + 2) * padded.stride + 1;
                     rows[rowParity] = computed != nullptr ? computed + x / 2 * columnOf[rowParity] : own;
                 }
-                interleave(k, rows[0], rows[1], out[plane] + x * height, height);
+                T* const column = out[plane] + x * height;
+                interleave(k, rows[0], rows[1], stream ? staging.data() : column, height);
+                if (stream)
+                    streamCopy(reinterpret_cast<std::uint8_t*>(column),
+                               reinterpret_cast<const std::uint8_t*>(staging.data()), height * sizeof(T));
             }
+        if (stream) hwy::FlushStream();
     };
     // What the tasks call back: the second half of the padded copy, and the merges.
     struct Shared {

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <vector>
 
+#include <hwy/cache_control.h>
+
 #include "frames/kernels/kernels.h"
 
 namespace lumoframekit {
@@ -34,6 +36,7 @@ inline void widenChroma(const std::uint8_t* columns, std::size_t chromaRows, std
         for (std::size_t j = 1; j < covered; ++j) std::memcpy(first + j * rows, first, rows);
         if (stores == ColumnStores::Streamed) k.streamCopy(target, first, covered * rows);
     }
+    if (stores == ColumnStores::Streamed) hwy::FlushStream();
 }
 
 }  // namespace lumoframekit

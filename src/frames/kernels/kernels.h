@@ -48,8 +48,9 @@ struct Kernels {
     // column-major plane s, with the row order and sample operation of transposeSamples.
     void (*transposePixels)(const std::uint8_t* src, std::size_t srcRowBytes, std::uint8_t* const planes[3],
                             std::size_t rows, std::size_t pixels, bool flipRows, SampleOp op, ColumnStores stores);
-    // Copies bytes to memory (the two apart) in whole lines where it can, past the caches, and
-    // waits for the stores: for parts of large host arrays no step reads back.
+    // Copies bytes to memory (the two apart) in whole lines where it can, past the caches: for
+    // parts of large host arrays no step reads back. The caller orders the stores
+    // (hwy::FlushStream) before the array is handed over.
     void (*streamCopy)(std::uint8_t* to, const std::uint8_t* from, std::size_t bytes);
     // Unpacks an image of packed words (rows width words apart, stored bottom-up with flipRows)
     // into three column-major planes of 8-bit (16-bit words) or 16-bit samples (32-bit words).

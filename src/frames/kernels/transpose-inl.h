@@ -205,11 +205,9 @@ HWY_INLINE void streamColumnPart(std::uint8_t* column, std::size_t from, std::si
         std::memcpy(carry, staged + (w - p), static_cast<std::size_t>(q - w));
 }
 
-// Copies `bytes` from `from` to `to` (apart), the destination's whole lines with streaming stores,
-// and waits for them.
+// Copies `bytes` from `from` to `to` (apart), the destination's whole lines with streaming stores.
 inline void streamCopyKernel(std::uint8_t* to, const std::uint8_t* from, std::size_t bytes) {
     streamColumnPart(to, 0, bytes, from, true, true, nullptr);
-    hwy::FlushStream();
 }
 
 // Streams the columns of `planes` planes, column x of plane p starting at columnAt(p, x), over
