@@ -151,6 +151,25 @@ HWY_INLINE void prefetchSpan(const std::uint8_t* at, std::size_t bytes) {
         hwy::Prefetch(reinterpret_cast<const std::uint8_t*>(line));
 }
 
+// A band of source rows copied, one row after another, into memory of the calling thread: the
+// hardware prefetches rows read in order, which it does not for the many rows of a tile, and the
+// tiles then read the copy from the second-level cache. Row i of the band (of `bytes` each) is
+// read from first + i * step and lies at at + i * stride; the stride is an odd number of lines,
+// so that a tile's rows spread over every set of the first-level cache.
+struct BandCopy {
+    const std::uint8_t* at;
+    std::size_t stride;
+};
+inline BandCopy copyBand(const std::uint8_t* first, std::ptrdiff_t step, std::size_t rows, std::size_t bytes) {
+    thread_local std::vector<std::uint8_t> memory;
+    const std::size_t stride = ((bytes + 63) / 64 | 1) * 64;
+    if (memory.size() < rows * stride + 64) memory.resize(rows * stride + 64);
+    std::uint8_t* const at = memory.data() + (64 - reinterpret_cast<std::uintptr_t>(memory.data()) % 64) % 64;
+    for (std::size_t i = 0; i < rows; ++i)
+        std::memcpy(at + i * stride, first + static_cast<std::ptrdiff_t>(i) * step, bytes);
+    return {at, stride};
+}
+
 // Staging memory of the calling thread, 64-byte aligned: `stage` bytes, then 64 for each of
 // `columns` columns' carried bytes.
 struct Staging {
@@ -251,11 +270,11 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     alignas(16) std::uint8_t order[16];  // reverses the bytes of each sample
     for (std::size_t i = 0; i < 16; ++i) order[i] = static_cast<std::uint8_t>(i / N * N + (N - 1 - i % N));
     const auto swapOrder = hn::LoadDup128(d, order);
-    // The block at row r0, column c0: store(c, piece) for the piece of each column c.
-    auto block = [&](std::size_t r0, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
+    // The block of V rows whose first holds column c0 at `at`, each row `step` bytes on from the
+    // one above: store(c, piece) for the piece of each column c.
+    auto block = [&](const std::uint8_t* at, std::ptrdiff_t step, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
         hn::VFromD<D> v[V];
-        for (std::size_t i = 0; i < V; ++i)
-            v[i] = hn::LoadU(d, src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + c0 * N);
+        for (std::size_t i = 0; i < V; ++i) v[i] = hn::LoadU(d, at + static_cast<std::ptrdiff_t>(i) * step);
         transposeVectors<N>(d, v);
         for (std::size_t k = 0; k < V; ++k) {
             if (op == SampleOp::Complement) v[k] = hn::Not(v[k]);
@@ -263,31 +282,36 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             forEachBlock(d, v[k], [&](std::size_t q, BlockVector piece) { store(c0 + q * V + k, piece); });
         }
     };
+    const auto step = static_cast<std::ptrdiff_t>(srcRowBytes);
+    auto rowAt = [&](std::size_t r) { return src + (flip ? rows - 1 - r : r) * srcRowBytes; };
     if (stores == ColumnStores::Streamed) {
         // Four lines of each column, 16 for samples of four bytes or more, whose strips are
-        // narrower (16 or 8 columns).
+        // narrower (16 or 8 columns). Panels of columns narrow enough that a band's copy of
+        // them stays in the second-level cache.
         constexpr std::size_t bandBytes = N <= 2 ? 256 : 1024;
-        streamBands<N, bandBytes>(
-            1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, from, fullCols, stripColumns,
-            [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
-                for (std::size_t r0 = b0; r0 < b1; r0 += V)
-                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
-                        if (c0 == s0)
-                            for (std::size_t i = 0; i < V; ++i)
-                                prefetchSpan(src + (flip ? rows - 1 - (r0 + i) : r0 + i) * srcRowBytes + s1 * N,
-                                             stripColumns * N);
-                        block(r0, c0, [&](std::size_t c, BlockVector piece) {
-                            hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
-                        });
-                    }
-            });
+        constexpr std::size_t panelColumns = std::max<std::size_t>(4096 / N / blockColumns, 1) * blockColumns;
+        for (std::size_t p0 = from; p0 < fullCols; p0 += panelColumns) {
+            const std::size_t p1 = std::min(p0 + panelColumns, fullCols);
+            BandCopy band{};
+            streamBands<N, bandBytes>(
+                1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, p0, p1, stripColumns,
+                [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                    if (s0 == p0) band = copyBand(rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0, (p1 - p0) * N);
+                    for (std::size_t r0 = b0; r0 < b1; r0 += V)
+                        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                            block(band.at + (r0 - b0) * band.stride + (c0 - p0) * N,
+                                  static_cast<std::ptrdiff_t>(band.stride), c0, [&](std::size_t c, BlockVector piece) {
+                                      hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
+                                  });
+                });
+        }
         return fullCols;
     }
     for (std::size_t s0 = from; s0 < fullCols; s0 += stripColumns) {
         const std::size_t s1 = std::min(s0 + stripColumns, fullCols);
         for (std::size_t r0 = 0; r0 < fullRows; r0 += V)
             for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
-                block(r0, c0,
+                block(rowAt(r0) + c0 * N, flip ? -step : step, c0,
                       [&](std::size_t c, BlockVector piece) { hn::StoreU(piece, Block(), columnAt(c) + r0 * N); });
     }
     return fullCols;
