@@ -234,15 +234,15 @@ TEST(PackedMonochrome, RegionsOutsideTheSourceAreRefused) {
 }
 
 // The column-major unpack of every packing at every vector width against the definition, its
-// columns stored in place or streamed in whole lines (several bands of rows, columns that begin
-// and end within lines), with guards around the destination.
+// columns stored in place or streamed in whole lines (several bands of rows, several panels of
+// columns, columns that begin and end within lines), with guards around the destination.
 TEST(PackedMonochrome, EveryUnpackKernelMatchesTheDefinition) {
     constexpr std::uint32_t codes[] = {0x11010018u, 0x11010019u, 0x11010024u, 0x11010023u};  // by kPackings row
     static_assert(std::size(codes) == std::size(kPackings));
     std::mt19937 rng(41);
     forEachVectorWidth([&](int bits) {
         for (std::size_t packing = 0; packing < std::size(kPackings); ++packing)
-            for (auto [w, h] : {std::pair<std::size_t, std::size_t>{37, 9}, {64, 16}, {150, 300}}) {
+            for (auto [w, h] : {std::pair<std::size_t, std::size_t>{37, 9}, {64, 16}, {150, 300}, {3300, 20}}) {
                 const auto ppg = static_cast<std::size_t>(kPackings[packing].pixelsPerGroup);
                 const std::size_t rowBytes =
                     (w + ppg - 1) / ppg * static_cast<std::size_t>(kPackings[packing].bytesPerGroup);

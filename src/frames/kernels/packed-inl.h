@@ -83,11 +83,11 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
         const auto readable = static_cast<std::size_t>(end - (buffer + (fullRows - 1) * rowBytes));
         while (columns + blockColumns <= decoded && (columns / 8 + B - 1) * G + 16 <= readable) columns += blockColumns;
     }
-    // The block of rows r0.. and columns c0..: store(c, piece) for each column piece.
-    auto block = [&](std::size_t r0, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
-        const std::uint8_t* rows = buffer + r0 * rowBytes;
+    // The block of eight rows, each `step` bytes on from the one above, whose first holds column
+    // c0's bytes at `at`: store(c, piece) for each column piece.
+    auto block = [&](const std::uint8_t* at, std::size_t step, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
         hn::VFromD<D16> v[8];
-        for (std::size_t i = 0; i < 8; ++i) v[i] = decodeBlocks<P>(d16, rows + i * rowBytes + c0 / 8 * G);
+        for (std::size_t i = 0; i < 8; ++i) v[i] = decodeBlocks<P>(d16, at + i * step);
         const hn::Repartition<std::uint8_t, D16> d8;
         hn::VFromD<decltype(d8)> bytes[8];
         for (std::size_t i = 0; i < 8; ++i) bytes[i] = hn::BitCast(d8, v[i]);
@@ -96,26 +96,34 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
             forEachBlock(d8, bytes[k], [&](std::size_t q, BlockVector piece) { store(c0 + 8 * q + k, piece); });
     };
     if (stores == ColumnStores::Streamed && first == 0) {
+        // Panels of columns whose band copies (4 KiB of each row) stay in the second-level cache.
         constexpr std::size_t bandBytes = 256, strip = std::max<std::size_t>(64, blockColumns);
-        streamBands<2, bandBytes>(
-            1, [&](std::size_t, std::size_t c) { return reinterpret_cast<std::uint8_t*>(out + c * height); }, fullRows,
-            from, columns, strip,
-            [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
-                for (std::size_t r0 = b0; r0 < b1; r0 += 8) {
-                    // What the next strip reads of these rows.
-                    for (std::size_t i = 0; i < 8; ++i)
-                        prefetchSpan(buffer + (r0 + i) * rowBytes + s1 / 8 * G, strip / 8 * G);
-                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
-                        block(r0, c0, [&](std::size_t c, BlockVector piece) {
-                            hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * 2);
-                        });
-                }
-            });
+        constexpr std::size_t panelColumns = std::max<std::size_t>(4096 / G * 8 / strip, 1) * strip;
+        for (std::size_t p0 = from; p0 < columns; p0 += panelColumns) {
+            const std::size_t p1 = std::min(p0 + panelColumns, columns);
+            // What the panel's blocks read of each row: up to 16 bytes from their last block's.
+            const std::size_t skipped = p0 / 8 * G, reach = (p1 / 8 - 1) * G + 16 - skipped;
+            BandCopy band{};
+            streamBands<2, bandBytes>(
+                1, [&](std::size_t, std::size_t c) { return reinterpret_cast<std::uint8_t*>(out + c * height); },
+                fullRows, p0, p1, strip,
+                [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                    if (s0 == p0)
+                        band = copyBand(buffer + b0 * rowBytes + skipped, static_cast<std::ptrdiff_t>(rowBytes),
+                                        b1 - b0, reach);
+                    for (std::size_t r0 = b0; r0 < b1; r0 += 8)
+                        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                            block(band.at + (r0 - b0) * band.stride + c0 / 8 * G - skipped, band.stride, c0,
+                                  [&](std::size_t c, BlockVector piece) {
+                                      hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * 2);
+                                  });
+                });
+        }
         return columns;
     }
     for (std::size_t r0 = 0; r0 < fullRows; r0 += 8)
         for (std::size_t c0 = from; c0 < columns; c0 += blockColumns)
-            block(r0, c0, [&](std::size_t c, BlockVector piece) {
+            block(buffer + r0 * rowBytes + c0 / 8 * G, rowBytes, c0, [&](std::size_t c, BlockVector piece) {
                 if (c >= first)
                     hn::StoreU(piece, Block(), reinterpret_cast<std::uint8_t*>(out + (c - first) * height + r0));
             });

@@ -72,26 +72,36 @@ void unpackWordImageKernel(const std::uint8_t* src, std::size_t width, std::size
             flip, SampleOp::Copy, ColumnStores::Cached);
     };
     if (stores == ColumnStores::Streamed) {
+        // Panels of columns whose band copies (1 KiB of each row) stay in the second-level cache.
         constexpr std::size_t bandBytes = 512, bandRows = bandBytes / sizeof(Sample), strip = 32;
+        constexpr std::size_t panelColumns = 1024 / N / strip * strip;
         thread_local std::vector<Word> words;
         words.resize(strip * bandRows);
-        streamBands<sizeof(Sample), bandBytes>(
-            3, [&](std::size_t c, std::size_t x) { return planes[c] + x * height * sizeof(Sample); }, height, 0, width,
-            strip,
-            [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
-                const std::size_t rows = b1 - b0;
-                // What the next strip reads of these rows: no hardware prefetcher follows this
-                // many rows at once.
-                for (std::size_t r = b0; r < b1; ++r)
-                    prefetchSpan(src + (flip ? height - 1 - r : r) * width * N + s1 * N, strip * N);
-                transposeBand(b0, rows, s0, s1 - s0, words.data());
-                for (std::size_t x = s0; x < s1; ++x) {
-                    Sample* const out[3] = {reinterpret_cast<Sample*>(stage + (x - s0) * bandBytes),
-                                            reinterpret_cast<Sample*>(stage + (strip + x - s0) * bandBytes),
-                                            reinterpret_cast<Sample*>(stage + (2 * strip + x - s0) * bandBytes)};
-                    unpackWordsKernel<Word, Sample>(words.data() + (x - s0) * rows, rows, fields, out);
-                }
-            });
+        for (std::size_t p0 = 0; p0 < width; p0 += panelColumns) {
+            const std::size_t p1 = std::min(p0 + panelColumns, width);
+            BandCopy band{};
+            streamBands<sizeof(Sample), bandBytes>(
+                3, [&](std::size_t c, std::size_t x) { return planes[c] + x * height * sizeof(Sample); }, height, p0,
+                p1, strip,
+                [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                    const std::size_t rows = b1 - b0;
+                    if (s0 == p0)
+                        band = copyBand(
+                            src + (flip ? height - 1 - b0 : b0) * width * N + p0 * N,
+                            flip ? -static_cast<std::ptrdiff_t>(width * N) : static_cast<std::ptrdiff_t>(width * N),
+                            rows, (p1 - p0) * N);
+                    transposeColumns<N>(
+                        band.at + (s0 - p0) * N, band.stride,
+                        [&](std::size_t c) { return reinterpret_cast<std::uint8_t*>(words.data() + c * rows); }, rows,
+                        s1 - s0, false, SampleOp::Copy, ColumnStores::Cached);
+                    for (std::size_t x = s0; x < s1; ++x) {
+                        Sample* const out[3] = {reinterpret_cast<Sample*>(stage + (x - s0) * bandBytes),
+                                                reinterpret_cast<Sample*>(stage + (strip + x - s0) * bandBytes),
+                                                reinterpret_cast<Sample*>(stage + (2 * strip + x - s0) * bandBytes)};
+                        unpackWordsKernel<Word, Sample>(words.data() + (x - s0) * rows, rows, fields, out);
+                    }
+                });
+        }
         return;
     }
     constexpr std::size_t bandRows = 256;
