@@ -96,9 +96,9 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
             forEachBlock(d8, bytes[k], [&](std::size_t q, BlockVector piece) { store(c0 + 8 * q + k, piece); });
     };
     if (stores == ColumnStores::Streamed && first == 0) {
-        // Panels of columns whose band copies (4 KiB of each row) stay in the second-level cache.
+        // Panels of columns whose band copies (2 KiB of each row) stay in the second-level cache.
         constexpr std::size_t bandBytes = 256, strip = std::max<std::size_t>(64, blockColumns);
-        constexpr std::size_t panelColumns = std::max<std::size_t>(4096 / G * 8 / strip, 1) * strip;
+        constexpr std::size_t panelColumns = std::max<std::size_t>(2048 / G * 8 / strip, 1) * strip;
         for (std::size_t p0 = from; p0 < columns; p0 += panelColumns) {
             const std::size_t p1 = std::min(p0 + panelColumns, columns);
             // What the panel's blocks read of each row: up to 16 bytes from their last block's.

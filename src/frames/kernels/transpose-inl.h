@@ -289,7 +289,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         // narrower (16 or 8 columns). Panels of columns narrow enough that a band's copy of
         // them stays in the second-level cache.
         constexpr std::size_t bandBytes = N <= 2 ? 256 : 1024;
-        constexpr std::size_t panelColumns = std::max<std::size_t>(4096 / N / blockColumns, 1) * blockColumns;
+        constexpr std::size_t panelColumns = std::max<std::size_t>(2048 / N / blockColumns, 1) * blockColumns;
         for (std::size_t p0 = from; p0 < fullCols; p0 += panelColumns) {
             const std::size_t p1 = std::min(p0 + panelColumns, fullCols);
             BandCopy band{};
