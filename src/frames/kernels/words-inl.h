@@ -8,6 +8,7 @@
 
 #include <hwy/highway.h>
 
+#include <cstring>
 #include <vector>
 
 #include "frames/core/planes.h"
@@ -42,12 +43,17 @@ void unpackWordsKernel(const Word* words, std::size_t count, const WordFields& f
     const hn::RebindToSigned<decltype(d)> di;  // the narrowing takes signed lanes: the values fit
     const auto low = hn::Set(d, static_cast<Word>(static_cast<Sample>(~Sample{0})));
     const std::size_t lanes = hn::Lanes(d);
+    // Local copies, which the stores through the sample pointers cannot alias: the loop keeps
+    // them in registers instead of reading them again after every store.
+    WordFields f;
+    std::memcpy(&f, &fields, sizeof f);
+    Sample* const to[3] = {out[0], out[1], out[2]};
     std::size_t i = 0;
     for (; i + lanes <= count; i += lanes) {
         const auto v = hn::LoadU(d, words + i);
         for (int c = 0; c < 3; ++c) {
-            const auto value = hn::Or(fieldOf(d, v, fields[c][0]), fieldOf(d, v, fields[c][1]));
-            hn::StoreU(hn::DemoteTo(ds, hn::BitCast(di, hn::And(value, low))), ds, out[c] + i);
+            const auto value = hn::Or(fieldOf(d, v, f[c][0]), fieldOf(d, v, f[c][1]));
+            hn::StoreU(hn::DemoteTo(ds, hn::BitCast(di, hn::And(value, low))), ds, to[c] + i);
         }
     }
     for (; i < count; ++i)
