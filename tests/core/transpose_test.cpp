@@ -110,3 +110,45 @@ TEST(Transpose, StreamedChromaWideningMatchesStoresInPlace) {
                 }
     });
 }
+
+// The demosaic's copy into padded columns, stored into the caches or streamed: columns on cache
+// lines take whole lines (rows past the image zero), the columns right of the whole vectors and
+// an unaligned destination the plain transpose; nothing lands past a column's lines.
+template <typename T>
+void checkIntoLines(int vectorBits) {
+    std::mt19937 rng(sizeof(T));
+    constexpr std::uint64_t perLine = 64 / sizeof(T);
+    for (auto [rows, cols] : {std::pair<std::uint64_t, std::uint64_t>{1, 1}, {37, 70}, {64, 130}, {129, 77}})
+        for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed})
+            for (std::uint64_t offset : {std::uint64_t{0}, std::uint64_t{1}}) {
+                std::vector<T> src(rows * cols);
+                for (auto& v : src) v = static_cast<T>(rng());
+                const std::uint64_t stride = (rows + perLine - 1) / perLine * perLine + perLine;
+                std::vector<T> memory(stride * cols + 2 * perLine, T{0x5A});
+                T* const at = memory.data() +
+                              (perLine - reinterpret_cast<std::uintptr_t>(memory.data()) % 64 / sizeof(T)) % perLine +
+                              offset;
+                kernels().of<T>().transposeIntoLines(reinterpret_cast<const std::uint8_t*>(src.data()),
+                                                     cols * sizeof(T), at, stride, rows, cols, stores);
+                bool ok = true;
+                for (std::uint64_t c = 0; c < cols; ++c) {
+                    for (std::uint64_t r = 0; r < rows; ++r) ok = ok && at[c * stride + r] == src[r * cols + c];
+                    // Past the image: zeros to the end of a whole line written, else untouched.
+                    const std::uint64_t lineEnd = offset == 0 ? (rows + perLine - 1) / perLine * perLine : rows;
+                    for (std::uint64_t r = rows; r < stride; ++r) {
+                        const T v = at[c * stride + r];
+                        ok = ok && (v == T{0x5A} || (r < lineEnd && v == T{0}));
+                    }
+                }
+                EXPECT_TRUE(ok) << sizeof(T) << "-byte samples " << rows << "x" << cols << " offset " << offset
+                                << (stores == ColumnStores::Streamed ? " streamed" : "") << ", vectors up to "
+                                << vectorBits << " bits";
+            }
+}
+
+TEST(Transpose, PaddedColumnsMatchTheDefinition) {
+    forEachVectorWidth([](int bits) {
+        checkIntoLines<std::uint8_t>(bits);
+        checkIntoLines<std::uint16_t>(bits);
+    });
+}

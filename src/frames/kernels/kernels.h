@@ -33,9 +33,10 @@ struct SampleKernels {
     void (*deinterleave)(const T* in, T* even, T* odd, std::uint64_t pairs);
     void (*interleave)(const T* even, const T* odd, T* out, std::uint64_t pairs);
     // Transposes rows x cols samples of a row-major image (rows srcRowBytes apart) into columns
-    // stride samples apart, streaming whole cache lines where the columns start on them.
+    // stride samples apart, in whole cache lines where the columns start on them: streamed past
+    // the caches, or stored into them.
     void (*transposeIntoLines)(const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
-                               std::uint64_t rows, std::uint64_t cols);
+                               std::uint64_t rows, std::uint64_t cols, ColumnStores stores);
 };
 
 struct Kernels {

@@ -363,7 +363,7 @@ inline void transposePixelsKernel(const std::uint8_t* src, std::size_t srcRowByt
 // Whole output lines (64 bytes) of each column from columns `from` on: each line gathers the
 // column's pieces of four groups of V rows, each group transposed in registers; rows past the
 // image read as zeros. Returns the columns done.
-template <typename T, class D>
+template <bool streamed, typename T, class D>
 std::uint64_t intoLinesOf(D d, const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
                           std::uint64_t rows, std::uint64_t from, std::uint64_t cols) {
     constexpr std::uint64_t N = sizeof(T), V = 16 / N, L = 64 / N, B = blocksOf<D>();
@@ -386,24 +386,35 @@ std::uint64_t intoLinesOf(D d, const std::uint8_t* src, std::size_t srcRowBytes,
                     hn::VFromD<D> w[B];
                     for (std::uint64_t j = 0; j < B; ++j) w[j] = groups[s * B + j][k];
                     transposeBlocks(d, w);
-                    for (std::uint64_t q = 0; q < B; ++q)
-                        hn::Stream(w[q], d,
-                                   reinterpret_cast<std::uint8_t*>(dst + (c0 + q * V + k) * stride + r0 + s * B * V));
+                    for (std::uint64_t q = 0; q < B; ++q) {
+                        auto* line = reinterpret_cast<std::uint8_t*>(dst + (c0 + q * V + k) * stride + r0 + s * B * V);
+                        if constexpr (streamed)
+                            hn::Stream(w[q], d, line);
+                        else
+                            hn::Store(w[q], d, line);
+                    }
                 }
         }
-    hwy::FlushStream();
+    if constexpr (streamed) hwy::FlushStream();
     return fullCols;
+}
+
+template <bool streamed, typename T>
+std::uint64_t intoLines(const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
+                        std::uint64_t rows, std::uint64_t cols) {
+    std::uint64_t done = intoLinesOf<streamed>(Bytes(), src, srcRowBytes, dst, stride, rows, 0, cols);
+    if constexpr (blocksOf<Bytes>() > 1)
+        done = intoLinesOf<streamed>(Block(), src, srcRowBytes, dst, stride, rows, done, cols);
+    return done;
 }
 
 template <typename T>
 void transposeIntoLinesKernel(const std::uint8_t* src, std::size_t srcRowBytes, T* dst, std::uint64_t stride,
-                              std::uint64_t rows, std::uint64_t cols) {
+                              std::uint64_t rows, std::uint64_t cols, ColumnStores stores) {
     std::uint64_t done = 0;
-    if (reinterpret_cast<std::uintptr_t>(dst) % 64 == 0 && stride % (64 / sizeof(T)) == 0) {
-        done = intoLinesOf(Bytes(), src, srcRowBytes, dst, stride, rows, 0, cols);
-        if constexpr (blocksOf<Bytes>() > 1)
-            done = intoLinesOf(Block(), src, srcRowBytes, dst, stride, rows, done, cols);
-    }
+    if (reinterpret_cast<std::uintptr_t>(dst) % 64 == 0 && stride % (64 / sizeof(T)) == 0)
+        done = stores == ColumnStores::Streamed ? intoLines<true>(src, srcRowBytes, dst, stride, rows, cols)
+                                                : intoLines<false>(src, srcRowBytes, dst, stride, rows, cols);
     // The columns right of the whole vectors.
     constexpr int N = sizeof(T);
     if (cols > done)
