@@ -171,37 +171,23 @@ inline BandCopy copyBand(const std::uint8_t* first, std::ptrdiff_t step, std::si
 }
 
 // Staging memory of the calling thread, 64-byte aligned: `stage` bytes, then 64 for each of
-// `columns` columns' carried bytes, with a line to spare on either side, so that whole lines may
-// be read across the ends of any column's staged bytes.
+// `columns` columns' carried bytes.
 struct Staging {
     std::uint8_t* stage;
     std::uint8_t* carry;
 };
 inline Staging stagingFor(std::size_t stage, std::size_t columns) {
     thread_local std::vector<std::uint8_t> memory;
-    const std::size_t bytes = 64 + stage + 64 * columns + 64 + 64;
+    const std::size_t bytes = stage + 64 * columns + 64;
     if (memory.size() < bytes) memory.resize(bytes);
-    std::uint8_t* base = memory.data() + (64 - reinterpret_cast<std::uintptr_t>(memory.data()) % 64) % 64 + 64;
+    std::uint8_t* base = memory.data() + (64 - reinterpret_cast<std::uintptr_t>(memory.data()) % 64) % 64;
     return {base, base + stage};
-}
-
-// The line at `at` made of the `carried` bytes at `carry`, then the rest from `staged`. Kept out
-// of the callers' loops, which it would otherwise crowd.
-inline HWY_NOINLINE void streamCarriedLine(std::uint8_t* at, const std::uint8_t* carry, std::size_t carried,
-                                           const std::uint8_t* staged) {
-    const Bytes d;
-    for (std::size_t i = 0; i < 64; i += hn::Lanes(d)) {
-        const auto before = hn::FirstN(d, carried > i ? carried - i : 0);
-        hn::Stream(hn::IfThenElse(before, hn::Load(d, carry + i), hn::LoadU(d, staged - carried + i)), d, at + i);
-    }
 }
 
 // Bytes [from, to) of the column starting at `column`, staged at `staged`: whole lines streamed,
 // the column's partial first line (first band) and last line (last band) stored plainly, and
 // the bytes of an unfinished line kept in `carry` (which holds those the band above left).
-// Bands other than the last are at least a line long. The carried bytes move as whole lines, in
-// registers: `staged` has a line of memory on either side (which the lines read across and the
-// masks drop), and `carry` is aligned.
+// Bands other than the last are at least a line long.
 HWY_INLINE void streamColumnPart(std::uint8_t* column, std::size_t from, std::size_t to, const std::uint8_t* staged,
                                  bool first, bool last, std::uint8_t* carry) {
     const Bytes d;
@@ -220,20 +206,22 @@ HWY_INLINE void streamColumnPart(std::uint8_t* column, std::size_t from, std::si
         // The line the band above began: its bytes, then this band's.
         const std::size_t carried = lineAt(p);
         w = p - carried;
+        alignas(64) std::uint8_t line[64];
+        std::memcpy(line, carry, carried);
         const std::size_t own = std::min<std::size_t>(64 - carried, to - from);
+        std::memcpy(line + carried, staged, own);
         if (own + carried < 64) {  // the column ends within this line
-            std::memcpy(w, carry, carried);
-            std::memcpy(p, staged, own);
+            std::memcpy(w, line, carried + own);
             return;
         }
-        streamCarriedLine(w, carry, carried, staged);
+        streamLine(w, line);
         w += 64;
     }
     for (; w + 64 <= q; w += 64) streamLine(w, staged + (w - p));
     if (last)
         std::memcpy(w, staged + (w - p), static_cast<std::size_t>(q - w));
-    else if (w < q)
-        for (std::size_t i = 0; i < 64; i += hn::Lanes(d)) hn::Store(hn::LoadU(d, staged + (w - p) + i), d, carry + i);
+    else
+        std::memcpy(carry, staged + (w - p), static_cast<std::size_t>(q - w));
 }
 
 // Copies `bytes` from `from` to `to` (apart), the destination's whole lines with streaming stores.
