@@ -155,12 +155,14 @@ auto fromColumns(const T* mosaic, std::uint64_t height, std::uint64_t width) {
     };
 }
 
-// The stores of a padded copy of `bytes`, which the tasks read as soon as it is written: into
-// the caches while it stays there beside the frame's other arrays (up to 24 MiB: a 20 MP 8-bit
-// mosaic, an 8 MP 16-bit one), else streamed past them, which saves reading each line before
-// writing it.
+// The stores of a padded copy of `bytes` (samples of type T), which the tasks read as soon as it
+// is written. An 8-bit copy of up to 16 MiB (an 8 MP mosaic) goes into the caches, where the
+// tasks find it: they do little work a byte and wait on memory otherwise. Larger copies, and
+// 16-bit ones at every size (whose tasks do twice the work a site and hide those reads), stream
+// past the caches, which saves reading each line before writing it: measured faster there.
+template <typename T>
 constexpr ColumnStores paddedStoresFor(std::uint64_t bytes) {
-    return bytes > (std::uint64_t{24} << 20) ? ColumnStores::Streamed : ColumnStores::Cached;
+    return sizeof(T) == 1 && bytes <= (std::uint64_t{16} << 20) ? ColumnStores::Cached : ColumnStores::Streamed;
 }
 
 // From a row-major mosaic (rows rowSamples apart): the even rows and the odd rows, the two
@@ -171,7 +173,7 @@ auto fromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(rows);
         const std::size_t rowBytes = rowSamples * sizeof(T);
         const std::uint64_t evenRows = (height + 1) / 2, oddRows = height / 2;
-        const ColumnStores stores = paddedStoresFor(2 * stride * (width + 4) * sizeof(T));
+        const ColumnStores stores = paddedStoresFor<T>(2 * stride * (width + 4) * sizeof(T));
         if (part == 0)
             k.transposeIntoLines(bytes, 2 * rowBytes, even + 2 * stride + 1, stride, evenRows, width, stores);
         else
