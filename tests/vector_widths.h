@@ -2,6 +2,7 @@
 // Runs a check on the kernels of every vector width: the widths the processor lacks are skipped
 // with a printed line, so that a run on a narrower machine says what it did not cover. The width
 // in use before (the suite's own, from LUMO_VECTOR_BITS) is restored after.
+#include <cstdint>
 #include <cstdio>
 
 #include "frames/core/transpose.h"
@@ -19,4 +20,17 @@ void forEachVectorWidth(Check check) {
         check(bits);
     }
     lumoframekit::limitVectorWidth(before);
+}
+
+// Runs a check with the large host arrays of the transposes streamed past the caches, then stored
+// in place, whatever the machine's own threshold; it is restored after.
+template <typename Check>
+void forEachStreamingChoice(Check check) {
+    const std::uint64_t before = lumoframekit::setStreamingThreshold(0);
+    for (bool streamed : {true, false}) {
+        lumoframekit::setStreamingThreshold(streamed ? 0 : ~std::uint64_t{0});
+        SCOPED_TRACE(streamed ? "large arrays streamed" : "large arrays stored in place");
+        check();
+    }
+    lumoframekit::setStreamingThreshold(before);
 }

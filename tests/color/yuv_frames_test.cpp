@@ -5,17 +5,18 @@
 #include <vector>
 
 #include "test_support.h"
+#include "vector_widths.h"
 
 using namespace lumoframekit;
 using namespace lumotest;
 
 namespace {
 
-struct Packing {
+struct MacroPixels {
     int ppg, bpg;
     int y[8], u[8], v[8];
 };
-const Packing packings[7] = {
+const MacroPixels packings[7] = {
     {2, 4, {0, 2}, {1, 1}, {3, 3}},
     {2, 4, {1, 3}, {0, 0}, {2, 2}},
     {2, 4, {0, 2}, {3, 3}, {1, 1}},
@@ -26,7 +27,7 @@ const Packing packings[7] = {
 };
 
 // Pixel (px, py) of a packed image whose rows hold `groups` macro-pixels: Y, U, V.
-std::array<std::uint8_t, 3> packedPixel(const Packing& p, const std::vector<std::uint8_t>& raw, int groups, int px,
+std::array<std::uint8_t, 3> packedPixel(const MacroPixels& p, const std::vector<std::uint8_t>& raw, int groups, int px,
                                         int py) {
     const std::uint8_t* g = &raw[(static_cast<std::size_t>(py) * groups + px / p.ppg) * p.bpg];
     const int k = px % p.ppg;
@@ -39,7 +40,7 @@ TEST(YUVPackedFrame, EverySubtypeSplitsItsMacroPixels) {
     std::mt19937 rng(14);
     for (int subtype = 0; subtype < 7; ++subtype)
         for (auto [w, h] : {std::pair{5, 3}, {8, 2}, {1, 1}, {13, 4}, {37, 3}, {64, 2}, {40, 17}, {701, 2048}}) {
-            const Packing& p = packings[subtype];
+            const MacroPixels& p = packings[subtype];
             const int groups = (w + p.ppg - 1) / p.ppg;
             FramePtr frame = make(0x03000000u | subtype, w, h);
             ASSERT_EQ(frame->getBufferSize(), static_cast<std::uint64_t>(groups) * p.bpg * h);
@@ -59,7 +60,7 @@ TEST(YUVPackedFrame, EverySubtypeSplitsItsMacroPixels) {
 TEST(YUVPackedFrame, RegionsAtAnyPhaseMatchTheCropWhereTheyDeliver) {
     std::mt19937 rng(15);
     for (int subtype = 0; subtype < 7; ++subtype) {
-        const Packing& p = packings[subtype];
+        const MacroPixels& p = packings[subtype];
         const int sw = 24, sh = 6, srcGroups = (sw + p.ppg - 1) / p.ppg;
         const auto src = noise(static_cast<std::size_t>(srcGroups) * p.bpg * sh, rng);
         for (int x : {0, 1, 2, 3, 5, 8}) {
@@ -106,29 +107,31 @@ TEST(YUVPackedFrame, KnownGeometry) {
 }
 
 TEST(YUVPlanarFrame, EverySubtypeRepeatsItsChroma) {
-    std::mt19937 rng(16);
-    const int factors[3] = {4, 2, 2};
-    for (int subtype = 0; subtype < 3; ++subtype)
-        for (auto [w, h] : {std::pair{5, 5}, {8, 4}, {1, 1}, {9, 7}, {70, 37}, {130, 66}, {701, 2050}}) {
-            const int f = factors[subtype];
-            const int pw = (w + f - 1) / f * f, ph = (h + f - 1) / f * f;
-            const std::size_t luma = static_cast<std::size_t>(pw) * ph, chroma = luma / f / f;
-            FramePtr frame = make(0x04000000u | subtype, w, h);
-            ASSERT_EQ(frame->getBufferSize(), luma + 2 * chroma);
-            const auto raw = noise(luma + 2 * chroma, rng);
-            frame->setBufferData(raw.data());
-            const std::size_t uAt = subtype == 2 ? luma : luma + chroma, vAt = subtype == 2 ? luma + chroma : luma;
-            const std::size_t n = static_cast<std::size_t>(w) * h;
-            const auto out = planesOf(*frame, 3 * n);
-            for (int x = 0; x < w; ++x)
-                for (int y = 0; y < h; ++y) {
-                    const std::size_t c = static_cast<std::size_t>(pw / f) * (y / f) + x / f;
-                    ASSERT_EQ(out[x * h + y], raw[static_cast<std::size_t>(pw) * y + x]);
-                    ASSERT_EQ(out[n + x * h + y], raw[uAt + c]);
-                    ASSERT_EQ(out[2 * n + x * h + y], raw[vAt + c]);
-                }
-        }
-    EXPECT_EQ(make(0x04000001, 5, 5)->getBufferSize(), 54u);
+    forEachStreamingChoice([&] {
+        std::mt19937 rng(16);
+        const int factors[3] = {4, 2, 2};
+        for (int subtype = 0; subtype < 3; ++subtype)
+            for (auto [w, h] : {std::pair{5, 5}, {8, 4}, {1, 1}, {9, 7}, {70, 37}, {130, 66}, {701, 2050}}) {
+                const int f = factors[subtype];
+                const int pw = (w + f - 1) / f * f, ph = (h + f - 1) / f * f;
+                const std::size_t luma = static_cast<std::size_t>(pw) * ph, chroma = luma / f / f;
+                FramePtr frame = make(0x04000000u | subtype, w, h);
+                ASSERT_EQ(frame->getBufferSize(), luma + 2 * chroma);
+                const auto raw = noise(luma + 2 * chroma, rng);
+                frame->setBufferData(raw.data());
+                const std::size_t uAt = subtype == 2 ? luma : luma + chroma, vAt = subtype == 2 ? luma + chroma : luma;
+                const std::size_t n = static_cast<std::size_t>(w) * h;
+                const auto out = planesOf(*frame, 3 * n);
+                for (int x = 0; x < w; ++x)
+                    for (int y = 0; y < h; ++y) {
+                        const std::size_t c = static_cast<std::size_t>(pw / f) * (y / f) + x / f;
+                        ASSERT_EQ(out[x * h + y], raw[static_cast<std::size_t>(pw) * y + x]);
+                        ASSERT_EQ(out[n + x * h + y], raw[uAt + c]);
+                        ASSERT_EQ(out[2 * n + x * h + y], raw[vAt + c]);
+                    }
+            }
+        EXPECT_EQ(make(0x04000001, 5, 5)->getBufferSize(), 54u);
+    });
 }
 
 TEST(YUVPlanarFrame, RegionFillMatchesTheCropAtBlockOffsets) {
@@ -204,24 +207,26 @@ TEST(YUVHybridFrame, BothLayoutsAndRegionsAtOddOffsets) {
 
 // Frames wide and tall enough for every vector width, whole blocks and tails.
 TEST(YUVHybridFrame, WholeFramesOfEverySizeFollowTheLayout) {
-    std::mt19937 rng(19);
-    for (int subtype : {0, 1})
-        for (auto [w, h] : {std::pair{70, 37}, {130, 66}, {64, 48}, {33, 2}, {71, 38}, {700, 2048}}) {
-            FramePtr frame = make(0x07000000u | subtype, w, h);
-            const auto raw = noise(frame->getBufferSize(), rng);
-            frame->setBufferData(raw.data());
-            const std::size_t n = static_cast<std::size_t>(w) * h;
-            const auto out = planesOf(*frame, 3 * n);
-            // Buffers of odd sizes may not hold the last chroma: then nothing is converted.
-            if ((w % 2 == 1 || h % 2 == 1) && out[0] == 0xA7) continue;
-            for (int x = 0; x < w; ++x)
-                for (int y = 0; y < h; ++y) {
-                    const auto yuv = hybridPixel(subtype, raw, w, h, x, y);
-                    for (int c = 0; c < 3; ++c)
-                        ASSERT_EQ(out[c * n + x * h + y], yuv[c])
-                            << subtype << " " << w << "x" << h << " " << x << "," << y;
-                }
-        }
+    forEachStreamingChoice([&] {
+        std::mt19937 rng(19);
+        for (int subtype : {0, 1})
+            for (auto [w, h] : {std::pair{70, 37}, {130, 66}, {64, 48}, {33, 2}, {71, 38}, {700, 2048}}) {
+                FramePtr frame = make(0x07000000u | subtype, w, h);
+                const auto raw = noise(frame->getBufferSize(), rng);
+                frame->setBufferData(raw.data());
+                const std::size_t n = static_cast<std::size_t>(w) * h;
+                const auto out = planesOf(*frame, 3 * n);
+                // Buffers of odd sizes may not hold the last chroma: then nothing is converted.
+                if ((w % 2 == 1 || h % 2 == 1) && out[0] == 0xA7) continue;
+                for (int x = 0; x < w; ++x)
+                    for (int y = 0; y < h; ++y) {
+                        const auto yuv = hybridPixel(subtype, raw, w, h, x, y);
+                        for (int c = 0; c < 3; ++c)
+                            ASSERT_EQ(out[c * n + x * h + y], yuv[c])
+                                << subtype << " " << w << "x" << h << " " << x << "," << y;
+                    }
+            }
+    });
 }
 
 TEST(YUVHybridFrame, KnownBytesAndOddSizesStayInside) {

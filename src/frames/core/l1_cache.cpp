@@ -1,7 +1,9 @@
 #include "frames/core/l1_cache.h"
+#include "frames/core/transpose.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 
 namespace lumoframekit {
@@ -22,6 +24,31 @@ L1DataCache l1DataCache() {
         cacheSizeSeen.store(size, std::memory_order_relaxed);
     }
     return {line, size};
+}
+
+namespace {
+// 0 until first asked for; a threshold of 0 itself is stored as 1 (every whole-line array streams).
+std::atomic<std::uint64_t> streamingAbove{0};
+}  // namespace
+
+std::uint64_t streamingThreshold() {
+    std::uint64_t threshold = streamingAbove.load(std::memory_order_relaxed);
+    if (threshold == 0) {
+        const long shared = sysconf(_SC_LEVEL3_CACHE_SIZE);
+        threshold = shared > 0 ? static_cast<std::uint64_t>(shared) / 4 : std::uint64_t{8} << 20;
+        streamingAbove.store(threshold, std::memory_order_relaxed);
+    }
+    return threshold;
+}
+
+std::uint64_t setStreamingThreshold(std::uint64_t bytes) {
+    const std::uint64_t before = streamingThreshold();
+    streamingAbove.store(std::max<std::uint64_t>(bytes, 1), std::memory_order_relaxed);
+    return before;
+}
+
+ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows) {
+    return bytes > streamingThreshold() ? columnStoresFor(bytes, rows) : ColumnStores::Cached;
 }
 
 }  // namespace lumoframekit

@@ -22,6 +22,22 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
     return bytes > 8 * MiB || (rows >= 2048 && bytes > 4 * MiB) ? ColumnStores::Streamed : ColumnStores::Cached;
 }
 
+// The stores for a transpose of samples into a host array (monochrome, planar RGB, RGB48, YUV
+// luma, the demosaic's merges): streamed only where columnStoresFor streams and the array is also
+// larger than streamingThreshold(). Below that the columns are stored in place, the one or two
+// bytes a row they span down a strip of columns written in order; the array then stays in the
+// shared cache as a copy by the C library's memcpy would, which measured faster than streaming
+// for every sample size. The pixel split, the packed unpack and the RGB16 words, which measured
+// faster streamed at every size that streams, keep columnStoresFor.
+ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows);
+
+// The array size above which transposes stream: a quarter of the shared (last-level) cache, the
+// share the C library's memcpy keeps in the caches; 8 MiB where the system does not tell the
+// cache's size. setStreamingThreshold changes it (tests take each path at sizes they can afford)
+// and returns the one before.
+std::uint64_t streamingThreshold();
+std::uint64_t setStreamingThreshold(std::uint64_t bytes);
+
 // Transposes rows x cols samples of SampleBytes bytes (1, 2, 4 or 8): the sample at row r,
 // column c of src (rows srcRowBytes apart) goes to dst[(c * dstColumn + r) * SampleBytes]. With
 // flipRows the source rows are read from the last upward, so a bottom-up image comes out top-down.

@@ -137,7 +137,7 @@ void MonochromeVariant<Stored, Storage, BottomUp>::copyColumnBlock(void* destBas
         const std::size_t columns = std::min<std::size_t>(static_cast<std::size_t>(tileColumns), w - c0);
         auto* out = static_cast<std::uint8_t*>(destBase) + static_cast<std::size_t>(c0) * h;
         const auto op = static_cast<SampleOp>(sampleMapping);
-        if (columnStoresFor(w * h, h) == ColumnStores::Streamed) {
+        if (transposeStoresFor(w * h, h) == ColumnStores::Streamed) {
             // A large image's strip in one transpose, which keeps its own tiles of whole lines.
             transposeSamples<1>(src + static_cast<std::size_t>(c0), w, out, h, h, columns, BottomUp, op,
                                 ColumnStores::Streamed);
