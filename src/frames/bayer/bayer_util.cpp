@@ -187,7 +187,7 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // tasks' rows interleaved, the sites' own samples taken from the padded copy.
     // Large host planes take whole columns streamed from staging memory.
     T* const out[3] = {red, green, blue};
-    const bool stream = transposeStoresFor(3 * width * height * sizeof(T), height) == ColumnStores::Streamed;
+    const bool stream = columnStoresFor(3 * width * height * sizeof(T), height) == ColumnStores::Streamed;
     const auto streamCopy = kernels().streamCopy;
     auto merge = [&](int parity) {
         thread_local std::vector<T> staging;

@@ -23,12 +23,12 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
 }
 
 // The stores for a transpose of samples into a host array (monochrome, planar RGB, RGB48, YUV
-// luma, the demosaic's merges): streamed only where columnStoresFor streams and the array is also
-// larger than streamingThreshold(). Below that the columns are stored in place, the one or two
-// bytes a row they span down a strip of columns written in order; the array then stays in the
-// shared cache as a copy by the C library's memcpy would, which measured faster than streaming
-// for every sample size. The pixel split, the packed unpack and the RGB16 words, which measured
-// faster streamed at every size that streams, keep columnStoresFor.
+// luma): streamed only where columnStoresFor streams and the array is also larger than
+// streamingThreshold(). Below that the columns are stored in place, a strip of columns written
+// down the image in order; the array then stays in the shared cache as a copy by the C library's
+// memcpy would, which measured faster than streaming for every sample size. The pixel split, the
+// packed unpack, the RGB16 words and the demosaic's merges, which measured faster streamed, keep
+// columnStoresFor.
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows);
 
 // The array size above which transposes stream: a quarter of the shared (last-level) cache, the
