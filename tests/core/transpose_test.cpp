@@ -152,3 +152,19 @@ TEST(Transpose, PaddedColumnsMatchTheDefinition) {
         checkIntoLines<std::uint16_t>(bits);
     });
 }
+
+// The threshold from the environment's value, else from the shared cache's size.
+TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheSharedCache) {
+    constexpr std::uint64_t MiB = std::uint64_t{1} << 20;
+    const struct {
+        const char* value;
+        long cache;
+        std::uint64_t threshold;
+    } cases[] = {{nullptr, 32 << 20, 8 * MiB},    {nullptr, 0, 8 * MiB},        {nullptr, -1, 8 * MiB},
+                 {"64", 32 << 20, 64 * MiB},      {"0", 32 << 20, 0},           {"", 4 << 20, MiB},
+                 {"12x", 4 << 20, MiB},           {"-5", 4 << 20, MiB},         {" 7", 4 << 20, MiB},
+                 {"1099511627776", 0, MiB << 40}, {"1099511627777", 0, 8 * MiB}};
+    for (const auto& c : cases)
+        EXPECT_EQ(streamingThresholdFrom(c.value, c.cache), c.threshold)
+            << (c.value != nullptr ? c.value : "unset") << " with a shared cache of " << c.cache;
+}

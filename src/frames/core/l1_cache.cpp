@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 
 namespace lumoframekit {
 
@@ -31,11 +32,20 @@ namespace {
 std::atomic<std::uint64_t> streamingAbove{0};
 }  // namespace
 
+std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes) {
+    if (mebibytes != nullptr && *mebibytes >= '0' && *mebibytes <= '9') {
+        char* end = nullptr;
+        const unsigned long long value = std::strtoull(mebibytes, &end, 10);
+        if (*end == '\0' && value <= (std::uint64_t{1} << 40)) return std::uint64_t{value} << 20;
+    }
+    return sharedCacheBytes > 0 ? static_cast<std::uint64_t>(sharedCacheBytes) / 4 : std::uint64_t{8} << 20;
+}
+
 std::uint64_t streamingThreshold() {
     std::uint64_t threshold = streamingAbove.load(std::memory_order_relaxed);
     if (threshold == 0) {
-        const long shared = sysconf(_SC_LEVEL3_CACHE_SIZE);
-        threshold = shared > 0 ? static_cast<std::uint64_t>(shared) / 4 : std::uint64_t{8} << 20;
+        threshold = std::max<std::uint64_t>(
+            streamingThresholdFrom(std::getenv("LUMO_STREAM_ABOVE_MIB"), sysconf(_SC_LEVEL3_CACHE_SIZE)), 1);
         streamingAbove.store(threshold, std::memory_order_relaxed);
     }
     return threshold;

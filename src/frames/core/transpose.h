@@ -31,11 +31,16 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
 // columnStoresFor.
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows);
 
-// The array size above which transposes stream: a quarter of the shared (last-level) cache, the
-// share the C library's memcpy keeps in the caches; 8 MiB where the system does not tell the
-// cache's size. setStreamingThreshold changes it (tests take each path at sizes they can afford)
-// and returns the one before.
+// The array size above which transposes stream: LUMO_STREAM_ABOVE_MIB from the environment (in
+// MiB, 0 to stream every array that takes whole lines), else a quarter of the shared (last-level)
+// cache, the share the C library's memcpy keeps in the caches, or 8 MiB where the system does not
+// tell the cache's size. Read once. setStreamingThreshold changes it (tests take each path at
+// sizes they can afford) and returns the one before.
 std::uint64_t streamingThreshold();
+// The threshold a value of LUMO_STREAM_ABOVE_MIB (null when unset; ignored unless a whole
+// decimal number of at most 2^40) and a shared cache of the given bytes (0 or less when unknown)
+// give.
+std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes);
 std::uint64_t setStreamingThreshold(std::uint64_t bytes);
 
 // Transposes rows x cols samples of SampleBytes bytes (1, 2, 4 or 8): the sample at row r,
