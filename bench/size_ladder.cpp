@@ -1,7 +1,8 @@
 // The copy-out and demosaic speed over the size ladder: each family at 1920 x 1080, 3840 x 2160
 // and 5472 x 3648, in nanoseconds per pixel and as a ratio to memcpy of the same output bytes,
-// measured in the same run; then the time per pixel at 20 MP over that at 8 MP.
-//   size_ladder [--csv] [--repeats N] [FAMILY-SUBSTRING]
+// measured in the same run; then the time per pixel at 20 MP over that at 8 MP. --size measures
+// the given sizes instead (repeat it for several), e.g. a square sensor's 1024x1024.
+//   size_ladder [--csv] [--repeats N] [--size WxH]... [FAMILY-SUBSTRING]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -49,10 +50,10 @@ constexpr Family kFamilies[] = {
 // clang-format on
 
 struct Size {
-    const char* name;
+    std::string name;
     int width, height;
 };
-constexpr Size kSizes[] = {{"1080p", 1920, 1080}, {"8 MP", 3840, 2160}, {"20 MP", 5472, 3648}};
+const Size kLadder[] = {{"1080p", 1920, 1080}, {"8 MP", 3840, 2160}, {"20 MP", 5472, 3648}};
 
 // The best of `repeats` timed runs of each call, each run of enough calls to last about 50 ms, in
 // ns per call. The runs of the calls alternate, so that both meet the same state of a shared
@@ -109,33 +110,44 @@ int main(int argc, char** argv) {
     bool csv = false;
     int repeats = 5;
     std::string only;
+    std::vector<Size> sizes;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--csv")
             csv = true;
         else if (arg == "--repeats" && i + 1 < argc)
             repeats = std::max(1, std::atoi(argv[++i]));
-        else
+        else if (arg == "--size" && i + 1 < argc) {
+            int w = 0, h = 0;
+            if (std::sscanf(argv[++i], "%dx%d", &w, &h) != 2 || w <= 0 || h <= 0) {
+                std::fprintf(stderr, "--size takes WIDTHxHEIGHT, not %s\n", argv[i]);
+                return 2;
+            }
+            sizes.push_back({argv[i], w, h});
+        } else
             only = arg;
     }
+    const bool ladder = sizes.empty();
+    if (ladder) sizes.assign(std::begin(kLadder), std::end(kLadder));
     if (csv)
         std::printf("family,size,ns_per_pixel,memcpy_ns_per_pixel,ratio_to_memcpy\n");
     else
         std::printf("%-22s %-6s %10s %10s %8s\n", "family", "size", "ns/pixel", "memcpy", "ratio");
     for (const Family& family : kFamilies) {
         if (!only.empty() && std::string(family.name).find(only) == std::string::npos) continue;
-        double perPixel[std::size(kSizes)] = {};
-        for (std::size_t s = 0; s < std::size(kSizes); ++s) {
-            const Result r = measure(family, kSizes[s], repeats);
+        std::vector<double> perPixel(sizes.size());
+        for (std::size_t s = 0; s < sizes.size(); ++s) {
+            const Result r = measure(family, sizes[s], repeats);
             perPixel[s] = r.nsPerPixel;
             if (csv)
-                std::printf("%s,%s,%.4f,%.4f,%.3f\n", family.name, kSizes[s].name, r.nsPerPixel, r.memcpyNsPerPixel,
-                            r.nsPerPixel / r.memcpyNsPerPixel);
+                std::printf("%s,%s,%.4f,%.4f,%.3f\n", family.name, sizes[s].name.c_str(), r.nsPerPixel,
+                            r.memcpyNsPerPixel, r.nsPerPixel / r.memcpyNsPerPixel);
             else
-                std::printf("%-22s %-6s %10.3f %10.3f %7.2fx\n", family.name, kSizes[s].name, r.nsPerPixel,
+                std::printf("%-22s %-6s %10.3f %10.3f %7.2fx\n", family.name, sizes[s].name.c_str(), r.nsPerPixel,
                             r.memcpyNsPerPixel, r.nsPerPixel / r.memcpyNsPerPixel);
         }
-        if (!csv) std::printf("%-22s 20 MP / 8 MP per pixel: %.2fx\n", family.name, perPixel[2] / perPixel[1]);
+        if (!csv && ladder)
+            std::printf("%-22s 20 MP / 8 MP per pixel: %.2fx\n", family.name, perPixel[2] / perPixel[1]);
         std::fflush(stdout);
     }
     return 0;

@@ -55,7 +55,8 @@ TEST(RGB24Frame, EverySubtypeConvertsLikeTheReference) {
         std::mt19937 rng(4);
         for (int subtype = 0; subtype < 18; ++subtype)
             for (bool bottomUp : {false, true}) {
-                std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {70, 37}};
+                // 1024 rows: columns a multiple of 1 KiB apart, which stream at any size.
+                std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {70, 37}, {70, 1024}};
                 // Larger frames for some: one that stays cached, one tall enough to stream whole lines.
                 if (subtype == 0 || subtype == 3 || subtype == 9 || subtype == 12) {
                     sizes.push_back({1024, 768});
@@ -243,7 +244,8 @@ TEST(RGB24Planar, EverySubtypeConvertsAndInterleaves) {
     forEachStreamingChoice([&] {
         std::mt19937 rng(10);
         for (int subtype = 0; subtype < 9; ++subtype)
-            for (auto [w, h] : {std::pair{5, 3}, {1, 1}, {1025, 769}, {700, 2048}}) {  // the last one streamed
+            // The last two streamed: by size, and for columns a multiple of 1 KiB apart.
+            for (auto [w, h] : {std::pair{5, 3}, {1, 1}, {1025, 769}, {700, 2048}, {70, 1024}}) {
                 const PlanarLayout& l = planar[subtype];
                 FramePtr frame = make(0x02000000u | subtype, w, h);
                 EXPECT_EQ(frame->getDataType(), l.bps == 1 ? (l.isSigned ? 1 : 0) : (l.isSigned ? 3 : 2));

@@ -111,7 +111,8 @@ TEST(YUVPlanarFrame, EverySubtypeRepeatsItsChroma) {
         std::mt19937 rng(16);
         const int factors[3] = {4, 2, 2};
         for (int subtype = 0; subtype < 3; ++subtype)
-            for (auto [w, h] : {std::pair{5, 5}, {8, 4}, {1, 1}, {9, 7}, {70, 37}, {130, 66}, {701, 2050}}) {
+            for (auto [w, h] :
+                 {std::pair{5, 5}, {8, 4}, {1, 1}, {9, 7}, {70, 37}, {130, 66}, {701, 2050}, {70, 1024}}) {
                 const int f = factors[subtype];
                 const int pw = (w + f - 1) / f * f, ph = (h + f - 1) / f * f;
                 const std::size_t luma = static_cast<std::size_t>(pw) * ph, chroma = luma / f / f;
@@ -210,7 +211,7 @@ TEST(YUVHybridFrame, WholeFramesOfEverySizeFollowTheLayout) {
     forEachStreamingChoice([&] {
         std::mt19937 rng(19);
         for (int subtype : {0, 1})
-            for (auto [w, h] : {std::pair{70, 37}, {130, 66}, {64, 48}, {33, 2}, {71, 38}, {700, 2048}}) {
+            for (auto [w, h] : {std::pair{70, 37}, {130, 66}, {64, 48}, {33, 2}, {71, 38}, {700, 2048}, {70, 1024}}) {
                 FramePtr frame = make(0x07000000u | subtype, w, h);
                 const auto raw = noise(frame->getBufferSize(), rng);
                 frame->setBufferData(raw.data());

@@ -168,3 +168,24 @@ TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheSharedCache) {
         EXPECT_EQ(streamingThresholdFrom(c.value, c.cache), c.threshold)
             << (c.value != nullptr ? c.value : "unset") << " with a shared cache of " << c.cache;
 }
+
+// Columns written down together collide where their stride leaves too few sets of the cache for
+// them: a 48 KiB 12-way cache and a 32 KiB 8-way one, both of 64 sets of 64-byte lines.
+TEST(Transpose, ColumnsCollideWhereTheirStrideCrowdsTheCacheSets) {
+    const struct {
+        std::uint64_t columnBytes, columns, ways;
+        bool collide;
+    } cases[] = {
+        {1024, 64, 12, true},     {1024, 48, 12, false},     {1024, 64, 8, true},      {1000, 64, 12, false},
+        {1080, 192, 12, false},   {1536, 64, 12, false},     {1536, 64, 8, false},     {1536, 192, 12, true},
+        {2048, 32, 12, true},     {2048, 16, 12, false},     {4096, 16, 12, true},     {8192, 8, 12, false},
+        {3 * 4096, 13, 12, true}, {65 * 64, 768, 12, false}, {65 * 64, 769, 12, true}, {7296, 192, 12, false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(columnsCollide(c.columnBytes, c.columns, 64, 64, c.ways), c.collide)
+            << c.columns << " columns " << c.columnBytes << " bytes apart, " << c.ways << " ways";
+    // A cache whose shape is unknown never asks for streaming.
+    EXPECT_FALSE(columnsCollide(1024, 1000, 0, 64, 12));
+    EXPECT_FALSE(columnsCollide(1024, 1000, 64, 0, 12));
+    EXPECT_FALSE(columnsCollide(1024, 1000, 64, 64, 0));
+}

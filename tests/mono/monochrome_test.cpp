@@ -171,8 +171,12 @@ TEST(MonochromeFactory, EachCodeBuildsItsOwnDistinctClass) {
 TEST(MonochromeFrames, ConvertRawCopyAndDisplayLikeTheReference) {
     std::mt19937 rng(7);
     for (const Case& c : allCases()) {
-        std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {3, 4}};
-        if (c.format.bytes == 1 && c.format.kind != Kind::SLE) sizes.push_back({1280, 720});  // blocked
+        // 1024 rows: columns a multiple of 1 KiB apart, which stream at any size.
+        std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {3, 4}, {70, 1024}};
+        if (c.format.bytes == 1 && c.format.kind != Kind::SLE) {
+            sizes.push_back({1280, 720});   // blocked
+            sizes.push_back({1290, 1024});  // blocked, streamed strips
+        }
         for (auto [w, h] : sizes) {
             SCOPED_TRACE(::testing::Message() << std::hex << c.code << std::dec << " " << w << "x" << h);
             FramePtr frame = make(c.code, w, h);

@@ -80,8 +80,17 @@ TEST(PackedMonochrome, WholeImagesRoundTripForEveryPacking) {
     std::mt19937 rng(11);
     for (std::uint32_t code : {0x11010018u, 0x11010019u, 0x11010023u, 0x11010024u}) {
         const std::uint16_t mask = (code == 0x11010019u || code == 0x11010024u) ? 0xFFF : 0x3FF;
-        for (auto [w, h] :
-             {std::pair{4, 3}, {8, 5}, {2, 1}, {6, 2}, {5, 3}, {7, 2}, {1, 1}, {1920, 4}, {16, 9}, {40, 17}}) {
+        for (auto [w, h] : {std::pair{4, 3},
+                            {8, 5},
+                            {2, 1},
+                            {6, 2},
+                            {5, 3},
+                            {7, 2},
+                            {1, 1},
+                            {1920, 4},
+                            {16, 9},
+                            {40, 17},
+                            {136, 512}}) {
             std::vector<std::uint16_t> pixels(static_cast<std::size_t>(w) * h);
             for (auto& p : pixels) p = static_cast<std::uint16_t>(rng() & mask);
             const auto packed = pack(code, pixels, w, h);

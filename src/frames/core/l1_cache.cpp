@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <numeric>
 
 namespace lumoframekit {
 
@@ -55,6 +56,38 @@ std::uint64_t setStreamingThreshold(std::uint64_t bytes) {
     const std::uint64_t before = streamingThreshold();
     streamingAbove.store(std::max<std::uint64_t>(bytes, 1), std::memory_order_relaxed);
     return before;
+}
+
+bool columnsCollide(std::uint64_t columnBytes, std::uint64_t columns, std::uint64_t lineBytes, std::uint64_t sets,
+                    std::uint64_t ways) {
+    if (lineBytes == 0 || sets == 0 || ways == 0) return false;
+    // Column starts fall on multiples of the common divisor of the stride and the span of one
+    // way; below a line apart they spread over every set.
+    const std::uint64_t span = sets * lineBytes, apart = std::gcd(columnBytes, span);
+    const std::uint64_t setsUsed = apart < lineBytes ? sets : span / apart;
+    return setsUsed * ways < columns;
+}
+
+namespace {
+// The first-level data cache's line size, sets and ways, queried once (zeros where unknown).
+struct CacheShape {
+    std::uint64_t line, sets, ways;
+};
+CacheShape firstLevelShape() {
+    static const CacheShape shape = [] {
+        const L1DataCache cache = l1DataCache();
+        const long ways = sysconf(_SC_LEVEL1_DCACHE_ASSOC);
+        if (cache.lineSize <= 0 || cache.cacheSize <= 0 || ways <= 0) return CacheShape{0, 0, 0};
+        const auto line = static_cast<std::uint64_t>(cache.lineSize), w = static_cast<std::uint64_t>(ways);
+        return CacheShape{line, static_cast<std::uint64_t>(cache.cacheSize) / (line * w), w};
+    }();
+    return shape;
+}
+}  // namespace
+
+ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes, std::uint64_t columns) {
+    const CacheShape cache = firstLevelShape();
+    return columnsCollide(columnBytes, columns, cache.line, cache.sets, cache.ways) ? ColumnStores::Streamed : stores;
 }
 
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows) {

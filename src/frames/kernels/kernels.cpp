@@ -129,8 +129,10 @@ template void transposeSamples<8>(const std::uint8_t*, std::size_t, std::uint8_t
 
 void splitInterleaved(const std::uint8_t* src, std::size_t stride, const std::uint8_t* end, std::size_t width,
                       std::size_t height, bool flipRows, const PixelBlock& block, std::uint8_t* const planes[3]) {
-    kernels().splitInterleaved(src, stride, end, width, height, flipRows, block, planes,
-                               columnStoresFor(3 * std::uint64_t{width} * height, height));
+    // The split writes a strip of 64 columns of each plane at once.
+    kernels().splitInterleaved(
+        src, stride, end, width, height, flipRows, block, planes,
+        unlessColumnsCollide(columnStoresFor(3 * std::uint64_t{width} * height, height), height, 3 * 64));
 }
 
 }  // namespace lumoframekit
