@@ -111,7 +111,7 @@ void RGB24Frame::convert(void** dest, const std::uint8_t* src) const {
     const SampleOp op = f.offsets[0][0] > f.offsets[0][1] ? SampleOp::ByteSwap : SampleOp::Copy;
     const auto w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
     kernels().transposePixels(src, static_cast<std::size_t>(stride), bySample, h, w, bottomUp == 1, op,
-                              unlessColumnsCollide(transposeStoresFor(6 * w * h, h), 2 * h, 32));
+                              transposeStoresFor(6 * w * h, h, 2));
 }
 
 void RGB24Frame::getData(void** dest) {

@@ -68,9 +68,8 @@ void RGB24Planar::convert(void** dest, const std::uint8_t* src) const {
     // Each plane is a monochrome image: transposed, big-endian samples swapped into host order.
     const auto w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
     const SampleOp op = f.bigEndian ? SampleOp::ByteSwap : SampleOp::Copy;
-    // Each plane's transpose writes a strip of columns one source line wide at once.
     const auto n = static_cast<std::size_t>(f.bytesPerSample);
-    const ColumnStores stores = unlessColumnsCollide(transposeStoresFor(3 * w * h * n, h), h * n, 64 / n);
+    const ColumnStores stores = transposeStoresFor(3 * w * h * n, h, n);
     for (int band = 0; band < 3; ++band) {
         const std::uint8_t* plane = src + band * planeSize;
         if (f.bytesPerSample == 1)

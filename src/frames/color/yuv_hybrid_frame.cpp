@@ -55,7 +55,7 @@ void YUVHybridFrame::getData(void** dest) {
         // transposed as 16-bit samples, split into U and V columns, and widened.
         const auto imageWidth = static_cast<std::size_t>(w), rows = static_cast<std::size_t>(h);
         const auto pitch = static_cast<std::size_t>(stride);
-        const ColumnStores stores = unlessColumnsCollide(transposeStoresFor(3 * rows * imageWidth, rows), rows, 64);
+        const ColumnStores stores = transposeStoresFor(3 * rows * imageWidth, rows, 1);
         transposeSamples<1>(buffer, pitch, out.plane[0], rows, rows, imageWidth, false, SampleOp::Copy, stores);
         // The chroma a strip of pair columns at a time, whose scratch stays in the caches.
         constexpr std::size_t strip = 32;

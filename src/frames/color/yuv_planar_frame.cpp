@@ -80,7 +80,7 @@ void YUVPlanarFrame::getData(void** dest) {
     if (!out.valid) return;
     const PlaneOffsets planes = offsetsOf(*f, lumaSize, chromaSize);
     const auto w = static_cast<std::size_t>(width), rows = static_cast<std::size_t>(h);
-    const ColumnStores stores = unlessColumnsCollide(transposeStoresFor(3 * rows * w, rows), rows, 64);
+    const ColumnStores stores = transposeStoresFor(3 * rows * w, rows, 1);
     transposeSamples<1>(buffer + planes.at[Y], static_cast<std::size_t>(paddedWidth), out.plane[0], rows, rows, w,
                         false, SampleOp::Copy, stores);
     const auto n = static_cast<std::size_t>(factor);

@@ -90,8 +90,9 @@ ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes
     return columnsCollide(columnBytes, columns, cache.line, cache.sets, cache.ways) ? ColumnStores::Streamed : stores;
 }
 
-ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows) {
-    return bytes > streamingThreshold() ? columnStoresFor(bytes, rows) : ColumnStores::Cached;
+ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes) {
+    const ColumnStores bySize = bytes > streamingThreshold() ? columnStoresFor(bytes, rows) : ColumnStores::Cached;
+    return unlessColumnsCollide(bySize, rows * sampleBytes, 64 / sampleBytes);
 }
 
 }  // namespace lumoframekit

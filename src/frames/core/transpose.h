@@ -26,10 +26,12 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
 // luma): streamed only where columnStoresFor streams and the array is also larger than
 // streamingThreshold(). Below that the columns are stored in place, a strip of columns written
 // down the image in order; the array then stays in the shared cache as a copy by the C library's
-// memcpy would, which measured faster than streaming for every sample size. The pixel split, the
-// packed unpack, the RGB16 words and the demosaic's merges, which measured faster streamed, keep
-// columnStoresFor.
-ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows);
+// memcpy would, which measured faster than streaming for every sample size. A transpose writes a
+// strip of columns one source line (64 bytes) wide down the image at once, so columns of
+// `sampleBytes` samples that collide in the cache (unlessColumnsCollide) stream at any size. The
+// pixel split, the packed unpack, the RGB16 words and the demosaic's merges, which measured faster
+// streamed, keep columnStoresFor.
+ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes);
 
 // Whether `columns` columns of a host array, columnBytes apart and written down the image a
 // piece of each at a time, need more lines at once than the first-level cache sets their lines

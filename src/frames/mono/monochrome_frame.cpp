@@ -68,9 +68,8 @@ void MonochromeFrame::convert(void* out, const std::uint8_t* src) const {
         const std::size_t w = static_cast<std::size_t>(width), h = static_cast<std::size_t>(height);
         auto* target = static_cast<std::uint8_t*>(out);
         const bool flip = orientation == 1;
-        // The transpose writes a strip of columns one source line wide down the image at once.
         const auto n = static_cast<std::size_t>(bytesPerPixel);
-        const ColumnStores stores = unlessColumnsCollide(transposeStoresFor(w * h * n, h), h * n, 64 / n);
+        const ColumnStores stores = transposeStoresFor(w * h * n, h, n);
         switch (bytesPerPixel) {
             case 1: transposeSamples<1>(src, w, target, h, h, w, flip, op, stores); break;
             case 2: transposeSamples<2>(src, 2 * w, target, h, h, w, flip, op, stores); break;

@@ -137,9 +137,9 @@ void MonochromeVariant<Stored, Storage, BottomUp>::copyColumnBlock(void* destBas
         const std::size_t columns = std::min<std::size_t>(static_cast<std::size_t>(tileColumns), w - c0);
         auto* out = static_cast<std::uint8_t*>(destBase) + static_cast<std::size_t>(c0) * h;
         const auto op = static_cast<SampleOp>(sampleMapping);
-        if (unlessColumnsCollide(transposeStoresFor(w * h, h), h, 64) == ColumnStores::Streamed) {
-            // A large image's strip (or one whose columns collide in the cache, 64 of them
-            // written at once) in one transpose, which keeps its own tiles of whole lines.
+        if (transposeStoresFor(w * h, h, 1) == ColumnStores::Streamed) {
+            // A large image's strip (or one whose columns collide in the cache) in one transpose,
+            // which keeps its own tiles of whole lines.
             transposeSamples<1>(src + static_cast<std::size_t>(c0), w, out, h, h, columns, BottomUp, op,
                                 ColumnStores::Streamed);
             return;
