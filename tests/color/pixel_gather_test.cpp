@@ -59,8 +59,13 @@ TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
     std::mt19937 rng(3);
     forEachVectorWidth([&](int bits) {
         for (const Layout& layout : layouts)
-            for (auto [width, height] :
-                 {std::pair<std::size_t, std::size_t>{64, 48}, {70, 37}, {33, 16}, {5, 3}, {96, 17}, {130, 1100}})
+            for (auto [width, height] : {std::pair<std::size_t, std::size_t>{64, 48},
+                                         {70, 37},
+                                         {33, 16},
+                                         {5, 3},
+                                         {96, 17},
+                                         {70, 100},
+                                         {130, 1100}})
                 for (bool flip : {false, true}) {
                     const std::size_t groups = (width + 15) / 16;
                     const std::size_t stride = groups * layout.blockBytes + 5;

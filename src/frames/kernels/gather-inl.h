@@ -72,6 +72,56 @@ HWY_INLINE void splitGroupVectors(const std::uint8_t* const rows[16], std::size_
      ...);
 }
 
+// Stored in place, each column takes a whole vector at a time: the blocks of R = 16 * B rows (B
+// the 16-byte blocks a vector holds) are transposed 16 rows at a time, and vector e of each of
+// those transposes, their blocks transposed in turn, gives R rows of B columns' pieces. Pieces
+// of 16 bytes that miss the caches wait in the store queue four to a line, as in the byte
+// transposes.
+template <std::size_t G, std::size_t P, std::size_t K, std::size_t B>
+HWY_INLINE void storeGroupVector(hn::VFromD<Bytes> w, std::uint8_t* const* columnOf, std::size_t groupStride) {
+    constexpr std::size_t L = hn::MaxLanes(Bytes()), b = L * K + B;
+    if constexpr (b < L / P * G) {
+        constexpr std::size_t group = b / G, r = b % G;
+        for (std::size_t j = 0; j < P; ++j)
+            if (std::uint8_t* to = columnOf[r * P + j]) hn::StoreU(w, Bytes(), to + group * groupStride);
+    }
+}
+
+template <std::size_t G, std::size_t P, std::size_t K, std::size_t E, std::size_t... Q>
+HWY_INLINE void storeGroupVectors(const hn::VFromD<Bytes> (*v)[16], std::uint8_t* const* columnOf,
+                                  std::size_t groupStride, std::index_sequence<Q...>) {
+    hn::VFromD<Bytes> w[] = {v[Q][E]...};
+    transposeBlocks(Bytes(), w);
+    (storeGroupVector<G, P, K, 16 * Q + E>(w[Q], columnOf, groupStride), ...);
+}
+
+template <std::size_t G, std::size_t P, std::size_t K, std::size_t... E>
+HWY_INLINE void splitGroupLines(const std::uint8_t* const* rows, std::size_t at, std::uint8_t* const* columnOf,
+                                std::size_t groupStride, std::index_sequence<E...>) {
+    const Bytes d;
+    constexpr std::size_t B = blocksOf<Bytes>();
+    hn::VFromD<Bytes> v[B][16];
+    for (std::size_t g = 0; g < B; ++g) {
+        for (std::size_t i = 0; i < 16; ++i) v[g][i] = hn::LoadU(d, rows[16 * g + i] + at + hn::MaxLanes(d) * K);
+        transposeVectors<1>(d, v[g]);
+    }
+    (storeGroupVectors<G, P, K, E>(v, columnOf, groupStride, std::make_index_sequence<B>{}), ...);
+}
+
+template <std::size_t G, std::size_t P, std::size_t... K>
+HWY_INLINE void splitGroupLinesOf(const std::uint8_t* const* rows, std::size_t at, std::uint8_t* const* columnOf,
+                                  std::size_t groupStride, std::index_sequence<K...>) {
+    (splitGroupLines<G, P, K>(rows, at, columnOf, groupStride, std::make_index_sequence<16>{}), ...);
+}
+
+// One block of 16 * B rows by one vector of pixels, B the blocks per vector.
+template <std::size_t G, std::size_t P>
+void splitGroupsInLines(const std::uint8_t* const* rows, std::size_t at, std::uint8_t* const* columnOf,
+                        std::size_t groupStride) {
+    constexpr std::size_t L = hn::MaxLanes(Bytes());
+    splitGroupLinesOf<G, P>(rows, at, columnOf, groupStride, std::make_index_sequence<(L / P * G + L - 1) / L>{});
+}
+
 // One block of 16 rows by one vector of pixels.
 using SplitGroups = void (*)(const std::uint8_t* const rows[16], std::size_t at, std::uint8_t* const* columnOf,
                              std::size_t groupStride);
@@ -86,19 +136,20 @@ void splitGroups(const std::uint8_t* const rows[16], std::size_t at, std::uint8_
 // The group kernel for a block's layout, if it has one: the smallest group the 16 pixels repeat.
 struct GroupLayout {
     SplitGroups split = nullptr;
-    std::size_t pixels = 0;  // P
-    std::size_t bytes = 0;   // G
+    SplitGroups splitLines = nullptr;  // blocks of 16 rows per 16-byte block of a vector
+    std::size_t pixels = 0;            // P
+    std::size_t bytes = 0;             // G
 };
 
 inline GroupLayout groupLayout(const PixelBlock& block) {
     constexpr struct {
         std::size_t bytes, pixels;
-        SplitGroups split;
-    } groupKernels[] = {{3, 1, splitGroups<3, 1>},
-                        {4, 1, splitGroups<4, 1>},
-                        {4, 2, splitGroups<4, 2>},
-                        {6, 4, splitGroups<6, 4>},
-                        {12, 8, splitGroups<12, 8>}};
+        SplitGroups split, splitLines;
+    } groupKernels[] = {{3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>},
+                        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>},
+                        {4, 2, splitGroups<4, 2>, splitGroupsInLines<4, 2>},
+                        {6, 4, splitGroups<6, 4>, splitGroupsInLines<6, 4>},
+                        {12, 8, splitGroups<12, 8>, splitGroupsInLines<12, 8>}};
     for (const auto& kernel : groupKernels) {
         if (block.blockBytes * kernel.pixels != 16 * kernel.bytes) continue;
         bool repeats = true;
@@ -106,7 +157,7 @@ inline GroupLayout groupLayout(const PixelBlock& block) {
             for (std::size_t i = 0; i < 16; ++i)
                 repeats = repeats && block.byteOf[c][i % kernel.pixels] < kernel.bytes &&
                           block.byteOf[c][i] == i / kernel.pixels * kernel.bytes + block.byteOf[c][i % kernel.pixels];
-        if (repeats) return {kernel.split, kernel.pixels, kernel.bytes};
+        if (repeats) return {kernel.split, kernel.splitLines, kernel.pixels, kernel.bytes};
     }
     return {};
 }
@@ -158,23 +209,25 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     // the blocks do not cover, are left to the loop at the end.
     std::vector<std::size_t> bands(width / 16 + 1, 0);
     auto rowAt = [&](std::size_t y) { return src + (flipRows ? height - 1 - y : y) * stride; };
-    // The 16 rows from r0 on, and the furthest of them in memory.
+    // The 16 rows from r0 on (or `count`, up to 16 per block of a vector), and the furthest of
+    // them in memory.
     struct Rows {
-        const std::uint8_t* at[16];
+        const std::uint8_t* at[16 * chunks];
         const std::uint8_t* furthest = nullptr;
     };
-    auto rowsFrom = [&](std::size_t r0) {
+    auto rowsFrom = [&](std::size_t r0, std::size_t count = 16) {
         Rows rows;
-        for (std::size_t i = 0; i < 16; ++i) {
+        for (std::size_t i = 0; i < count; ++i) {
             rows.at[i] = rowAt(r0 + i);
             rows.furthest = std::max(rows.furthest, rows.at[i]);
         }
         return rows;
     };
     // The block of those rows and pixels x0..: the column piece of pixel x0 + i of plane c goes to
-    // base[c] + i * columnBytes. False where the block would read past end.
-    auto splitBlock = [&](const Rows& rows, std::size_t x0, std::uint8_t* const base[3],
-                          std::size_t columnBytes) LUMO_ALWAYS_INLINE {
+    // base[c] + i * columnBytes. With `lines`, the block is 16 * chunks rows high and stored a
+    // whole vector to each column. False where the block would read past end.
+    auto splitBlock = [&](const Rows& rows, std::size_t x0, std::uint8_t* const base[3], std::size_t columnBytes,
+                          bool lines = false) LUMO_ALWAYS_INLINE {
         const std::size_t at = x0 / 16 * block.blockBytes;
         if (rows.furthest > end ||
             static_cast<std::size_t>(end - rows.furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
@@ -182,14 +235,14 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
         if (groups.split != nullptr) {
             for (std::size_t k = 0; k < slots.size(); ++k)
                 columnOf[k] = slots[k].plane < 0 ? nullptr : base[slots[k].plane] + slots[k].pixel * columnBytes;
-            groups.split(rows.at, at, columnOf.data(), groups.pixels * columnBytes);
+            (lines ? groups.splitLines : groups.split)(rows.at, at, columnOf.data(), groups.pixels * columnBytes);
         } else {
             transposeBlock(rows.at, at, vectors, transposed);
             for (const PieceStore& piece : stores)
                 hn::StoreU(hn::Load(Block(), transposed + piece.from), Block(),
                            base[piece.plane] + piece.pixel * columnBytes);
         }
-        for (std::size_t g = 0; g < chunks; ++g) ++bands[x0 / 16 + g];
+        for (std::size_t g = 0; g < chunks; ++g) bands[x0 / 16 + g] += lines ? chunks : 1;
         return true;
     };
     if (columnStores == ColumnStores::Streamed && fullRows > 0) {
@@ -216,9 +269,19 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                 }
             });
     } else {
+        constexpr std::size_t lineRows = 16 * chunks;
+        const std::size_t fullLines = chunks > 1 && groups.split != nullptr ? fullRows / lineRows * lineRows : 0;
         for (std::size_t s0 = 0; s0 < fullWidth; s0 += stripPixels) {
             const std::size_t s1 = std::min(s0 + stripPixels, fullWidth);
-            for (std::size_t r0 = 0; r0 < fullRows; r0 += 16) {
+            for (std::size_t r0 = 0; r0 < fullLines; r0 += lineRows) {
+                const Rows rows = rowsFrom(r0, lineRows);
+                for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
+                    std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
+                                                   planes[2] + x0 * height + r0};
+                    if (!splitBlock(rows, x0, base, height, true)) break;
+                }
+            }
+            for (std::size_t r0 = fullLines; r0 < fullRows; r0 += 16) {
                 const Rows rows = rowsFrom(r0);
                 for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
                     std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
