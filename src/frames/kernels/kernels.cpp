@@ -42,7 +42,7 @@ Kernels tableOf(std::index_sequence<Packings...>) {
                           transposeSamplesKernel<8>},
             .transposePixels = transposePixelsKernel,
             .streamCopy = streamCopyKernel,
-            .unpackWordImage16 = unpackWordImageKernel<std::uint16_t, std::uint8_t>,
+            .unpackWordImage16 = unpackByteImage,
             .unpackWordImage32 = unpackWordImageKernel<std::uint32_t, std::uint16_t>,
             .splitInterleaved = splitInterleavedKernel,
             .unpack = {unpackKernel<kPackings[Packings].packing>...},
