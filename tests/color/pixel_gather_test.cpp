@@ -53,8 +53,8 @@ PixelBlock blockOf(const Layout& layout) {
 
 // Every kernel width against a plain loop, over sizes with whole blocks, partial ones, or both,
 // the planes stored in place or streamed in bands of whole lines (several bands, the last one
-// partial), at an offset from a cache line or not; the source ends right after the last sample
-// it holds, so blocks reading further are split sample by sample.
+// partial; several panels of columns), at an offset from a cache line or not; the source ends
+// right after the last sample it holds, so blocks reading further are split sample by sample.
 TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
     std::mt19937 rng(3);
     forEachVectorWidth([&](int bits) {
@@ -65,7 +65,8 @@ TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
                                          {5, 3},
                                          {96, 17},
                                          {70, 100},
-                                         {130, 1100}})
+                                         {130, 1100},
+                                         {400, 300}})
                 for (bool flip : {false, true}) {
                     const std::size_t groups = (width + 15) / 16;
                     const std::size_t stride = groups * layout.blockBytes + 5;
