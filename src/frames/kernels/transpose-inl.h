@@ -142,15 +142,6 @@ void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt co
 // with streaming stores. The up to 63 bytes of a column that end a band without finishing a line
 // are carried to the next band; a column's first and last partial lines take plain stores.
 
-// Prefetches every line that bytes [at, at + bytes) touch: what the next strip of a tile reads of
-// one row, which no hardware prefetcher follows when a tile spans this many rows. The address is
-// only a hint, so it may run past the row.
-HWY_INLINE void prefetchSpan(const std::uint8_t* at, std::size_t bytes) {
-    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(at);
-    for (std::uintptr_t line = begin & ~std::uintptr_t{63}; line < begin + bytes; line += 64)
-        hwy::Prefetch(reinterpret_cast<const std::uint8_t*>(line));
-}
-
 // A band of source rows copied, one row after another, into memory of the calling thread: the
 // hardware prefetches rows read in order, which it does not for the many rows of a tile, and the
 // tiles then read the copy from the second-level cache. Row i of the band (of `bytes` each) is
