@@ -28,8 +28,10 @@ std::vector<std::uint8_t> reference(const std::vector<std::uint8_t>& src, int n,
     return out;
 }
 
-// Every size against the definition, the columns stored in place or streamed in whole lines,
-// into a destination at every offset from a cache line that a host array may have. Streaming
+// Every size against the definition, the columns stored in place, streamed in whole lines, or in
+// place with the lines of 8-bit columns that share an offset from a line streamed from the
+// registers, into a destination at every offset from a cache line that a host array may have
+// (192 rows: blocks that start below the top and stop above the bottom). Streaming
 // takes bands of several lines of each column, carries the partial line between them, and
 // stores the first and last lines of each column plainly: the sizes cover several bands, a last
 // band that is partial, and columns that begin and end within lines; the guards around the
@@ -47,11 +49,12 @@ void check(int vectorBits) {
                               {64, 64},
                               {613, 131},
                               {300, 70},
+                              {192, 130},
                               {40, 4100}})
-        for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed})
+        for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed, ColumnStores::Lines})
             for (std::size_t offset : {0, 16, 5}) {
                 // Wide enough for several panels of columns: streamed, at one offset.
-                if (cols > 1000 && (stores == ColumnStores::Cached || offset != 5)) continue;
+                if (cols > 1000 && (stores != ColumnStores::Streamed || offset != 5)) continue;
                 std::vector<std::uint8_t> src(rows * cols * N);
                 for (auto& b : src) b = static_cast<std::uint8_t>(rng());
                 for (bool flip : {false, true})
@@ -65,8 +68,10 @@ void check(int vectorBits) {
                         };
                         EXPECT_EQ(got, reference(src, N, rows, cols, flip, op))
                             << N << " bytes " << rows << "x" << cols << (flip ? " flipped" : "")
-                            << (stores == ColumnStores::Streamed ? " streamed" : "") << " at offset " << offset
-                            << ", vectors up to " << vectorBits << " bits";
+                            << (stores == ColumnStores::Streamed ? " streamed"
+                                : stores == ColumnStores::Lines  ? " lines streamed"
+                                                                 : "")
+                            << " at offset " << offset << ", vectors up to " << vectorBits << " bits";
                         EXPECT_TRUE(untouched(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(guard + offset)));
                         EXPECT_TRUE(untouched(out.begin() + static_cast<std::ptrdiff_t>(guard + offset + src.size()),
                                               out.end()));
@@ -167,6 +172,18 @@ TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheSharedCache) {
     for (const auto& c : cases)
         EXPECT_EQ(streamingThresholdFrom(c.value, c.cache), c.threshold)
             << (c.value != nullptr ? c.value : "unset") << " with a shared cache of " << c.cache;
+}
+
+// Host arrays kept in place by the threshold that columnStoresFor would stream: 8-bit ones stream
+// the lines they can from the registers, wider ones stay in place; above the threshold all stream.
+TEST(Transpose, LargeByteArraysKeptInPlaceStreamTheirLines) {
+    const std::uint64_t before = setStreamingThreshold(~std::uint64_t{0});
+    EXPECT_EQ(transposeStoresFor(5472 * 3648, 3648, 1), ColumnStores::Lines);
+    EXPECT_EQ(transposeStoresFor(2 * 5472 * 3648, 3648, 2), ColumnStores::Cached);
+    EXPECT_EQ(transposeStoresFor(1920 * 1080, 1080, 1), ColumnStores::Cached);
+    setStreamingThreshold(0);
+    EXPECT_EQ(transposeStoresFor(5472 * 3648, 3648, 1), ColumnStores::Streamed);
+    setStreamingThreshold(before);
 }
 
 // Columns written down together collide where their stride leaves too few sets of the cache for
