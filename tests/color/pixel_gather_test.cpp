@@ -66,7 +66,8 @@ TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
                                          {96, 17},
                                          {70, 100},
                                          {130, 1100},
-                                         {400, 300}})
+                                         {400, 300},
+                                         {100, 192}})
                 for (bool flip : {false, true}) {
                     const std::size_t groups = (width + 15) / 16;
                     const std::size_t stride = groups * layout.blockBytes + 5;

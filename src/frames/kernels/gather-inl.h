@@ -77,25 +77,30 @@ HWY_INLINE void splitGroupVectors(const std::uint8_t* const rows[16], std::size_
 // those transposes, their blocks transposed in turn, gives R rows of B columns' pieces. Pieces
 // of 16 bytes that miss the caches wait in the store queue four to a line, as in the byte
 // transposes.
-template <std::size_t G, std::size_t P, std::size_t K, std::size_t B>
+template <bool S, std::size_t G, std::size_t P, std::size_t K, std::size_t B>
 HWY_INLINE void storeGroupVector(hn::VFromD<Bytes> w, std::uint8_t* const* columnOf, std::size_t groupStride) {
     constexpr std::size_t L = hn::MaxLanes(Bytes()), b = L * K + B;
     if constexpr (b < L / P * G) {
         constexpr std::size_t group = b / G, r = b % G;
         for (std::size_t j = 0; j < P; ++j)
-            if (std::uint8_t* to = columnOf[r * P + j]) hn::StoreU(w, Bytes(), to + group * groupStride);
+            if (std::uint8_t* to = columnOf[r * P + j]) {
+                if constexpr (S)
+                    hn::Stream(w, Bytes(), to + group * groupStride);
+                else
+                    hn::StoreU(w, Bytes(), to + group * groupStride);
+            }
     }
 }
 
-template <std::size_t G, std::size_t P, std::size_t K, std::size_t E, std::size_t... Q>
+template <bool S, std::size_t G, std::size_t P, std::size_t K, std::size_t E, std::size_t... Q>
 HWY_INLINE void storeGroupVectors(const hn::VFromD<Bytes> (*v)[16], std::uint8_t* const* columnOf,
                                   std::size_t groupStride, std::index_sequence<Q...>) {
     hn::VFromD<Bytes> w[] = {v[Q][E]...};
     transposeBlocks(Bytes(), w);
-    (storeGroupVector<G, P, K, 16 * Q + E>(w[Q], columnOf, groupStride), ...);
+    (storeGroupVector<S, G, P, K, 16 * Q + E>(w[Q], columnOf, groupStride), ...);
 }
 
-template <std::size_t G, std::size_t P, std::size_t K, std::size_t... E>
+template <bool S, std::size_t G, std::size_t P, std::size_t K, std::size_t... E>
 HWY_INLINE void splitGroupLines(const std::uint8_t* const* rows, std::size_t at, std::uint8_t* const* columnOf,
                                 std::size_t groupStride, std::index_sequence<E...>) {
     const Bytes d;
@@ -105,21 +110,22 @@ HWY_INLINE void splitGroupLines(const std::uint8_t* const* rows, std::size_t at,
         for (std::size_t i = 0; i < 16; ++i) v[g][i] = hn::LoadU(d, rows[16 * g + i] + at + hn::MaxLanes(d) * K);
         transposeVectors<1>(d, v[g]);
     }
-    (storeGroupVectors<G, P, K, E>(v, columnOf, groupStride, std::make_index_sequence<B>{}), ...);
+    (storeGroupVectors<S, G, P, K, E>(v, columnOf, groupStride, std::make_index_sequence<B>{}), ...);
 }
 
-template <std::size_t G, std::size_t P, std::size_t... K>
+template <bool S, std::size_t G, std::size_t P, std::size_t... K>
 HWY_INLINE void splitGroupLinesOf(const std::uint8_t* const* rows, std::size_t at, std::uint8_t* const* columnOf,
                                   std::size_t groupStride, std::index_sequence<K...>) {
-    (splitGroupLines<G, P, K>(rows, at, columnOf, groupStride, std::make_index_sequence<16>{}), ...);
+    (splitGroupLines<S, G, P, K>(rows, at, columnOf, groupStride, std::make_index_sequence<16>{}), ...);
 }
 
-// One block of 16 * B rows by one vector of pixels, B the blocks per vector.
-template <std::size_t G, std::size_t P>
+// One block of 16 * B rows by one vector of pixels, B the blocks per vector; with S, each column's
+// vector goes out with a streaming store (its place must be aligned).
+template <std::size_t G, std::size_t P, bool S = false>
 void splitGroupsInLines(const std::uint8_t* const* rows, std::size_t at, std::uint8_t* const* columnOf,
                         std::size_t groupStride) {
     constexpr std::size_t L = hn::MaxLanes(Bytes());
-    splitGroupLinesOf<G, P>(rows, at, columnOf, groupStride, std::make_index_sequence<(L / P * G + L - 1) / L>{});
+    splitGroupLinesOf<S, G, P>(rows, at, columnOf, groupStride, std::make_index_sequence<(L / P * G + L - 1) / L>{});
 }
 
 // One block of 16 rows by one vector of pixels.
@@ -136,20 +142,21 @@ void splitGroups(const std::uint8_t* const rows[16], std::size_t at, std::uint8_
 // The group kernel for a block's layout, if it has one: the smallest group the 16 pixels repeat.
 struct GroupLayout {
     SplitGroups split = nullptr;
-    SplitGroups splitLines = nullptr;  // blocks of 16 rows per 16-byte block of a vector
-    std::size_t pixels = 0;            // P
-    std::size_t bytes = 0;             // G
+    SplitGroups splitLines = nullptr;   // blocks of 16 rows per 16-byte block of a vector
+    SplitGroups streamLines = nullptr;  // the same, streamed
+    std::size_t pixels = 0;             // P
+    std::size_t bytes = 0;              // G
 };
 
 inline GroupLayout groupLayout(const PixelBlock& block) {
     constexpr struct {
         std::size_t bytes, pixels;
-        SplitGroups split, splitLines;
-    } groupKernels[] = {{3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>},
-                        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>},
-                        {4, 2, splitGroups<4, 2>, splitGroupsInLines<4, 2>},
-                        {6, 4, splitGroups<6, 4>, splitGroupsInLines<6, 4>},
-                        {12, 8, splitGroups<12, 8>, splitGroupsInLines<12, 8>}};
+        SplitGroups split, splitLines, streamLines;
+    } groupKernels[] = {{3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>, splitGroupsInLines<3, 1, true>},
+                        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>, splitGroupsInLines<4, 1, true>},
+                        {4, 2, splitGroups<4, 2>, splitGroupsInLines<4, 2>, splitGroupsInLines<4, 2, true>},
+                        {6, 4, splitGroups<6, 4>, splitGroupsInLines<6, 4>, splitGroupsInLines<6, 4, true>},
+                        {12, 8, splitGroups<12, 8>, splitGroupsInLines<12, 8>, splitGroupsInLines<12, 8, true>}};
     for (const auto& kernel : groupKernels) {
         if (block.blockBytes * kernel.pixels != 16 * kernel.bytes) continue;
         bool repeats = true;
@@ -157,7 +164,7 @@ inline GroupLayout groupLayout(const PixelBlock& block) {
             for (std::size_t i = 0; i < 16; ++i)
                 repeats = repeats && block.byteOf[c][i % kernel.pixels] < kernel.bytes &&
                           block.byteOf[c][i] == i / kernel.pixels * kernel.bytes + block.byteOf[c][i % kernel.pixels];
-        if (repeats) return {kernel.split, kernel.splitLines, kernel.pixels, kernel.bytes};
+        if (repeats) return {kernel.split, kernel.splitLines, kernel.streamLines, kernel.pixels, kernel.bytes};
     }
     return {};
 }
@@ -228,9 +235,10 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     };
     // The block of those rows and pixels x0..: the column piece of pixel x0 + i of plane c goes to
     // base[c] + i * columnBytes. With `lines`, the block is 16 * chunks rows high and stored a
-    // whole vector to each column. False where the block would read past the rows' end.
+    // whole vector to each column by that kernel. False where the block would read past the
+    // rows' end.
     auto splitBlock = [&](const Rows& rows, std::size_t x0, std::uint8_t* const base[3], std::size_t columnBytes,
-                          bool lines = false) LUMO_ALWAYS_INLINE {
+                          SplitGroups lines = nullptr) LUMO_ALWAYS_INLINE {
         const std::size_t at = (x0 - rows.first) / 16 * block.blockBytes;
         if (rows.furthest > rows.end ||
             static_cast<std::size_t>(rows.end - rows.furthest) < at + std::max(rowBytes, 16 * chunks * vectors))
@@ -238,17 +246,26 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
         if (groups.split != nullptr) {
             for (std::size_t k = 0; k < slots.size(); ++k)
                 columnOf[k] = slots[k].plane < 0 ? nullptr : base[slots[k].plane] + slots[k].pixel * columnBytes;
-            (lines ? groups.splitLines : groups.split)(rows.at, at, columnOf.data(), groups.pixels * columnBytes);
+            (lines != nullptr ? lines : groups.split)(rows.at, at, columnOf.data(), groups.pixels * columnBytes);
         } else {
             transposeBlock(rows.at, at, vectors, transposed);
             for (const PieceStore& piece : stores)
                 hn::StoreU(hn::Load(Block(), transposed + piece.from), Block(),
                            base[piece.plane] + piece.pixel * columnBytes);
         }
-        for (std::size_t g = 0; g < chunks; ++g) bands[x0 / 16 + g] += lines ? chunks : 1;
+        for (std::size_t g = 0; g < chunks; ++g) bands[x0 / 16 + g] += lines != nullptr ? chunks : 1;
         return true;
     };
-    if (columnStores == ColumnStores::Streamed && fullRows > 0) {
+    // Planes whose columns all start at the same offset from a line (a multiple of 16 bytes), as
+    // a height of whole lines gives, need no staging to stream: their blocks of whole vectors
+    // start at the row that puts them on lines, and go out straight from the registers.
+    constexpr std::size_t lineRows = 16 * chunks;
+    const std::size_t offset = reinterpret_cast<std::uintptr_t>(planes[0]) % 64;
+    const bool streamLines = columnStores == ColumnStores::Streamed && chunks > 1 && groups.split != nullptr &&
+                             height % 64 == 0 && offset % 16 == 0 && fullRows >= 64 &&
+                             reinterpret_cast<std::uintptr_t>(planes[1]) % 64 == offset &&
+                             reinterpret_cast<std::uintptr_t>(planes[2]) % 64 == offset;
+    if (columnStores == ColumnStores::Streamed && fullRows > 0 && !streamLines) {
         // Four lines of each column: the three planes' staging (48 KiB) stays in the level-2
         // cache (two and eight lines measured 1.2 to 2 times slower). The tiles read each band
         // from a copy of a panel of 256 pixels of its rows, read in order: that measured 1.15 to
@@ -288,27 +305,29 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                 });
         }
     } else {
-        constexpr std::size_t lineRows = 16 * chunks;
-        const std::size_t fullLines = chunks > 1 && groups.split != nullptr ? fullRows / lineRows * lineRows : 0;
+        // Rows [0, first) and [lines, fullRows) in blocks of 16 rows, the rows between in blocks
+        // of lineRows with whole vectors.
+        const std::size_t first = streamLines ? (64 - offset) % 64 : 0;
+        const std::size_t lines =
+            chunks > 1 && groups.split != nullptr ? first + (fullRows - first) / lineRows * lineRows : 0;
+        auto blocksOfRows = [&](std::size_t s0, std::size_t s1, std::size_t r0, std::size_t r1, std::size_t step,
+                                SplitGroups kernel) LUMO_ALWAYS_INLINE {
+            for (; r0 < r1; r0 += step) {
+                const Rows rows = rowsFrom(r0, step);
+                for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
+                    std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
+                                                   planes[2] + x0 * height + r0};
+                    if (!splitBlock(rows, x0, base, height, kernel)) break;
+                }
+            }
+        };
         for (std::size_t s0 = 0; s0 < fullWidth; s0 += stripPixels) {
             const std::size_t s1 = std::min(s0 + stripPixels, fullWidth);
-            for (std::size_t r0 = 0; r0 < fullLines; r0 += lineRows) {
-                const Rows rows = rowsFrom(r0, lineRows);
-                for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
-                    std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
-                                                   planes[2] + x0 * height + r0};
-                    if (!splitBlock(rows, x0, base, height, true)) break;
-                }
-            }
-            for (std::size_t r0 = fullLines; r0 < fullRows; r0 += 16) {
-                const Rows rows = rowsFrom(r0);
-                for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
-                    std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
-                                                   planes[2] + x0 * height + r0};
-                    if (!splitBlock(rows, x0, base, height)) break;
-                }
-            }
+            blocksOfRows(s0, s1, 0, first, 16, nullptr);
+            blocksOfRows(s0, s1, first, lines, lineRows, streamLines ? groups.streamLines : groups.splitLines);
+            blocksOfRows(s0, s1, std::max(first, lines), fullRows, 16, nullptr);
         }
+        if (streamLines) hwy::FlushStream();
     }
     for (std::size_t x = 0; x < width; ++x) {
         const std::size_t y0 = fullRows > 0 && bands[x / 16] == fullRows / 16 ? fullRows : 0;
