@@ -33,8 +33,9 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
 // `sampleBytes` samples that collide in the cache (unlessColumnsCollide) stream at any size.
 // Arrays of 8-bit samples that columnStoresFor would stream but the threshold keeps in place take
 // Lines: where their columns are whole lines apart (20 MP's 3648 rows), that measured 1.2 times
-// faster for planar RGB8 at 20 MP and 1.7 times at 3840 x 2176. The pixel split, the packed unpack, the RGB16 words and the demosaic's merges, which measured faster
-// streamed, keep columnStoresFor.
+// faster for planar RGB8 at 20 MP and 1.7 times at 3840 x 2176. The pixel split, the packed
+// unpack, the RGB16 words and the demosaic's merges, which measured faster streamed, keep
+// columnStoresFor.
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes);
 
 // Whether `columns` columns of a host array, columnBytes apart and written down the image a
