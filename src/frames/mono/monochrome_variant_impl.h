@@ -137,11 +137,12 @@ void MonochromeVariant<Stored, Storage, BottomUp>::copyColumnBlock(void* destBas
         const std::size_t columns = std::min<std::size_t>(static_cast<std::size_t>(tileColumns), w - c0);
         auto* out = static_cast<std::uint8_t*>(destBase) + static_cast<std::size_t>(c0) * h;
         const auto op = static_cast<SampleOp>(sampleMapping);
-        if (transposeStoresFor(w * h, h, 1) == ColumnStores::Streamed) {
+        const ColumnStores stores = transposeStoresFor(w * h, h, 1);
+        if (stores != ColumnStores::Cached) {
             // A large image's strip (or one whose columns collide in the cache) in one transpose,
-            // which keeps its own tiles of whole lines.
-            transposeSamples<1>(src + static_cast<std::size_t>(c0), w, out, h, h, columns, BottomUp, op,
-                                ColumnStores::Streamed);
+            // which keeps its own tiles of whole lines or walks the strip's columns down the whole
+            // image (20 MP 0.105 -> 0.056 ns a pixel against 128-row tiles).
+            transposeSamples<1>(src + static_cast<std::size_t>(c0), w, out, h, h, columns, BottomUp, op, stores);
             return;
         }
         // The strip's tiles, transposed a vector block at a time; a tile's source rows stay in the
