@@ -50,6 +50,7 @@ void check(int vectorBits) {
                               {613, 131},
                               {300, 70},
                               {192, 130},
+                              {208, 130},
                               {40, 4100}})
         for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed, ColumnStores::Lines})
             for (std::size_t offset : {0, 16, 5}) {

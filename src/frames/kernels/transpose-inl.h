@@ -312,8 +312,8 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     // strip, measured slower so above 1080p (8 MP 16-bit 0.10 -> 0.21 ns) and keep the pieces.
     constexpr std::size_t B = blocksOf<D>(), vectorRows = B * V;
     const std::size_t lineRows = B > 1 && N == 1 ? rows / vectorRows * vectorRows : 0;
-    // The block of B * V rows from r0 by the block columns from c0: store(at, vector) for each
-    // column's vector, at its place in the column.
+    // The block of B * V rows from r0 by the block columns from c0: store(c, at, vector) for each
+    // column c's vector, at its place in the column.
     auto columnVectors = [&](std::size_t r0, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
         // Vector k of group g holds, in block q, the piece of column c0 + q * V + k.
         hn::VFromD<D> groups[B][V];
@@ -322,7 +322,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             hn::VFromD<D> w[B];
             for (std::size_t g = 0; g < B; ++g) w[g] = groups[g][k];
             transposeBlocks(d, w);
-            for (std::size_t q = 0; q < B; ++q) store(columnAt(c0 + q * V + k) + r0 * N, w[q]);
+            for (std::size_t q = 0; q < B; ++q) store(c0 + q * V + k, columnAt(c0 + q * V + k) + r0 * N, w[q]);
         }
     };
     // The pieces of V rows from r0 of columns [s0, s1).
@@ -344,15 +344,64 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             bool together = offset % 16 == 0;
             for (std::size_t c = s0 + 1; c < s1 && together; ++c)
                 together = reinterpret_cast<std::uintptr_t>(columnAt(c)) % 64 == offset;
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+            if constexpr (vectorRows == 64 && blockColumns == stripColumns) {
+                // Columns at different offsets from a line (a multiple of 8 bytes each), as a
+                // height of a multiple of 16 rows but not of 64 gives: each column's vector of 64
+                // rows ends a line with its first bytes, which the vector above began, and the
+                // rest begin the next. The vector above is kept for each column, and each line
+                // joined from the two goes out with a streaming store; a column's first and last
+                // partial lines take plain stores.
+                bool eights = !together && s1 - s0 == stripColumns;
+                for (std::size_t c = s0; c < s1 && eights; ++c)
+                    eights = reinterpret_cast<std::uintptr_t>(columnAt(c)) % 8 == 0;
+                if (eights) {
+                    alignas(64) std::uint8_t above[stripColumns][64];
+                    const std::size_t lines = rows / 64 * 64;
+                    for (std::size_t r0 = 0; r0 < lines; r0 += 64)
+                        columnVectors(r0, s0, [&](std::size_t c, std::uint8_t* at, hn::VFromD<D> v) {
+                            const std::size_t lineOffset = reinterpret_cast<std::uintptr_t>(at) % 64;
+                            std::uint8_t* const kept = above[c - s0];
+                            if (lineOffset == 0) {
+                                hn::Stream(v, d, at);
+                            } else if (r0 == 0) {
+                                hn::Store(v, d, kept);
+                                std::memcpy(at, kept, 64 - lineOffset);
+                            } else {
+                                // Lane i of the line is lane i + 8 - lineOffset / 8 of the pair.
+                                const __m512i lanes =
+                                    _mm512_add_epi64(_mm512_set_epi64(7, 6, 5, 4, 3, 2, 1, 0),
+                                                     _mm512_set1_epi64(static_cast<long long>(8 - lineOffset / 8)));
+                                const __m512i line =
+                                    _mm512_permutex2var_epi64(_mm512_load_si512(kept), lanes,
+                                                              hn::BitCast(hn::Repartition<std::uint64_t, D>(), v).raw);
+                                _mm512_stream_si512(reinterpret_cast<__m512i*>(at - lineOffset), line);
+                                hn::Store(v, d, kept);
+                            }
+                        });
+                    // The last vector's bytes past its last whole line.
+                    for (std::size_t c = s0; c < s1; ++c) {
+                        std::uint8_t* const at = columnAt(c) + (lines - 64);
+                        const std::size_t lineOffset = reinterpret_cast<std::uintptr_t>(at) % 64;
+                        if (lineOffset != 0)
+                            std::memcpy(at + 64 - lineOffset, above[c - s0] + 64 - lineOffset, lineOffset);
+                    }
+                    for (std::size_t r0 = lines; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
+                    continue;
+                }
+            }
+#endif
             const std::size_t first = together ? (64 - offset) % 64 : 0;
             const std::size_t lines = first < rows ? first + (rows - first) / vectorRows * vectorRows : first;
             for (std::size_t r0 = 0; r0 < std::min(first, fullRows); r0 += V) pieceRows(r0, s0, s1);
             for (std::size_t r0 = first; r0 < lines; r0 += vectorRows)
                 for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
                     if (together)
-                        columnVectors(r0, c0, [&](std::uint8_t* at, hn::VFromD<D> v) { hn::Stream(v, d, at); });
+                        columnVectors(r0, c0,
+                                      [&](std::size_t, std::uint8_t* at, hn::VFromD<D> v) { hn::Stream(v, d, at); });
                     else
-                        columnVectors(r0, c0, [&](std::uint8_t* at, hn::VFromD<D> v) { hn::StoreU(v, d, at); });
+                        columnVectors(r0, c0,
+                                      [&](std::size_t, std::uint8_t* at, hn::VFromD<D> v) { hn::StoreU(v, d, at); });
                 }
             for (std::size_t r0 = lines; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
         }
@@ -363,7 +412,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         const std::size_t s1 = std::min(s0 + stripColumns, fullCols);
         for (std::size_t r0 = 0; r0 < lineRows; r0 += vectorRows)
             for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
-                columnVectors(r0, c0, [&](std::uint8_t* at, hn::VFromD<D> v) { hn::StoreU(v, d, at); });
+                columnVectors(r0, c0, [&](std::size_t, std::uint8_t* at, hn::VFromD<D> v) { hn::StoreU(v, d, at); });
         for (std::size_t r0 = lineRows; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
     }
     return fullCols;
