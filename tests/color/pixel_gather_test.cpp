@@ -67,7 +67,8 @@ TEST(SplitInterleaved, EveryKernelMatchesThePlainLoop) {
                                          {70, 100},
                                          {130, 1100},
                                          {400, 300},
-                                         {100, 192}})
+                                         {100, 192},
+                                         {100, 200}})
                 for (bool flip : {false, true}) {
                     const std::size_t groups = (width + 15) / 16;
                     const std::size_t stride = groups * layout.blockBytes + 5;

@@ -247,6 +247,35 @@ void streamBands(std::size_t planes, ColumnAt columnAt, std::size_t rows, std::s
     hwy::FlushStream();
 }
 
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+// A column's 64 bytes v at `at`, an offset of whole 8-byte words from a line, when its vectors go
+// down the column in order: the line that the vector above (`kept`) began is joined from its
+// last bytes and v's first and streamed; v is kept for the next. A column's first vector stores
+// the bytes before its first whole line plainly.
+HWY_INLINE void joinLine(hn::VFromD<Bytes> v, std::uint8_t* at, std::uint8_t* kept, bool first) {
+    const std::size_t offset = reinterpret_cast<std::uintptr_t>(at) % 64;
+    if (offset == 0) {
+        hn::Stream(v, Bytes(), at);
+        return;
+    }
+    if (first) {
+        std::memcpy(at, &v, 64 - offset);
+    } else {
+        // Lane i of the line is lane i + 8 - offset / 8 of the two vectors.
+        const __m512i lanes = _mm512_add_epi64(_mm512_set_epi64(7, 6, 5, 4, 3, 2, 1, 0),
+                                               _mm512_set1_epi64(static_cast<long long>(8 - offset / 8)));
+        _mm512_stream_si512(reinterpret_cast<__m512i*>(at - offset),
+                            _mm512_permutex2var_epi64(_mm512_load_si512(kept), lanes, v.raw));
+    }
+    hn::Store(v, Bytes(), kept);
+}
+// After a column's last joined vector, at `at`: its bytes past its last whole line.
+inline void finishLines(std::uint8_t* at, const std::uint8_t* kept) {
+    const std::size_t offset = reinterpret_cast<std::uintptr_t>(at) % 64;
+    if (offset != 0) std::memcpy(at + 64 - offset, kept + 64 - offset, offset);
+}
+#endif
+
 // Blocks of V rows by one vector of each row, from column `from` on: each transposed vector gives
 // one column piece per 16-byte block. Small images are walked in strips one cache line of each
 // source row wide, down the whole image; large ones in bands of whole lines. Returns the columns
@@ -360,32 +389,9 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                     const std::size_t lines = rows / 64 * 64;
                     for (std::size_t r0 = 0; r0 < lines; r0 += 64)
                         columnVectors(r0, s0, [&](std::size_t c, std::uint8_t* at, hn::VFromD<D> v) {
-                            const std::size_t lineOffset = reinterpret_cast<std::uintptr_t>(at) % 64;
-                            std::uint8_t* const kept = above[c - s0];
-                            if (lineOffset == 0) {
-                                hn::Stream(v, d, at);
-                            } else if (r0 == 0) {
-                                hn::Store(v, d, kept);
-                                std::memcpy(at, kept, 64 - lineOffset);
-                            } else {
-                                // Lane i of the line is lane i + 8 - lineOffset / 8 of the pair.
-                                const __m512i lanes =
-                                    _mm512_add_epi64(_mm512_set_epi64(7, 6, 5, 4, 3, 2, 1, 0),
-                                                     _mm512_set1_epi64(static_cast<long long>(8 - lineOffset / 8)));
-                                const __m512i line =
-                                    _mm512_permutex2var_epi64(_mm512_load_si512(kept), lanes,
-                                                              hn::BitCast(hn::Repartition<std::uint64_t, D>(), v).raw);
-                                _mm512_stream_si512(reinterpret_cast<__m512i*>(at - lineOffset), line);
-                                hn::Store(v, d, kept);
-                            }
+                            joinLine(v, at, above[c - s0], r0 == 0);
                         });
-                    // The last vector's bytes past its last whole line.
-                    for (std::size_t c = s0; c < s1; ++c) {
-                        std::uint8_t* const at = columnAt(c) + (lines - 64);
-                        const std::size_t lineOffset = reinterpret_cast<std::uintptr_t>(at) % 64;
-                        if (lineOffset != 0)
-                            std::memcpy(at + 64 - lineOffset, above[c - s0] + 64 - lineOffset, lineOffset);
-                    }
+                    for (std::size_t c = s0; c < s1; ++c) finishLines(columnAt(c) + (lines - 64), above[c - s0]);
                     for (std::size_t r0 = lines; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
                     continue;
                 }
