@@ -175,12 +175,14 @@ TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheSharedCache) {
             << (c.value != nullptr ? c.value : "unset") << " with a shared cache of " << c.cache;
 }
 
-// Host arrays kept in place by the threshold that columnStoresFor would stream: 8-bit ones stream
-// the lines they can from the registers, wider ones stay in place; above the threshold all stream.
+// Host arrays kept in place by the threshold that columnStoresFor would stream: 8- and 16-bit ones
+// stream the lines they can from the registers, wider ones stay in place; above the threshold all
+// stream.
 TEST(Transpose, LargeByteArraysKeptInPlaceStreamTheirLines) {
     const std::uint64_t before = setStreamingThreshold(~std::uint64_t{0});
     EXPECT_EQ(transposeStoresFor(5472 * 3648, 3648, 1), ColumnStores::Lines);
-    EXPECT_EQ(transposeStoresFor(2 * 5472 * 3648, 3648, 2), ColumnStores::Cached);
+    EXPECT_EQ(transposeStoresFor(2 * 5472 * 3648, 3648, 2), ColumnStores::Lines);
+    EXPECT_EQ(transposeStoresFor(4 * 5472 * 3648, 3648, 4), ColumnStores::Cached);
     EXPECT_EQ(transposeStoresFor(1920 * 1080, 1080, 1), ColumnStores::Cached);
     setStreamingThreshold(0);
     EXPECT_EQ(transposeStoresFor(5472 * 3648, 3648, 1), ColumnStores::Streamed);

@@ -93,7 +93,7 @@ ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes) {
     const ColumnStores bySize = columnStoresFor(bytes, rows);
     const ColumnStores stores = bytes > streamingThreshold()                           ? bySize
-                                : sampleBytes == 1 && bySize == ColumnStores::Streamed ? ColumnStores::Lines
+                                : sampleBytes <= 2 && bySize == ColumnStores::Streamed ? ColumnStores::Lines
                                                                                        : ColumnStores::Cached;
     return unlessColumnsCollide(stores, rows * sampleBytes, 64 / sampleBytes);
 }

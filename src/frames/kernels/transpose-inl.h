@@ -366,7 +366,8 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     // With `Lines`, a strip whose columns all start at the same offset from a line (a multiple of
     // 16 bytes) begins its blocks at the row that puts them on whole lines and streams them
     // straight from the registers; the rows above that row and below the last block take pieces.
-    if (lineRows > 0 && stores == ColumnStores::Lines) {
+    // 16-bit samples take the joined lines below where they can, and pieces in place elsewhere.
+    if ((lineRows > 0 || (N == 2 && rows >= vectorRows)) && stores == ColumnStores::Lines) {
         for (std::size_t s0 = from; s0 < fullCols; s0 += stripColumns) {
             const std::size_t s1 = std::min(s0 + stripColumns, fullCols);
             const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(columnAt(s0)) % 64;
@@ -374,29 +375,35 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             for (std::size_t c = s0 + 1; c < s1 && together; ++c)
                 together = reinterpret_cast<std::uintptr_t>(columnAt(c)) % 64 == offset;
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
-            if constexpr (vectorRows == 64 && blockColumns == stripColumns) {
+            if constexpr (vectorRows * N == 64 && blockColumns == stripColumns) {
                 // Columns at different offsets from a line (a multiple of 8 bytes each), as a
-                // height of a multiple of 16 rows but not of 64 gives: each column's vector of 64
-                // rows ends a line with its first bytes, which the vector above began, and the
+                // height of a multiple of 16 rows but not of 64 gives (of 4 rows, for 16-bit
+                // samples, which take every strip this way): each column's vector of 64 bytes
+                // ends a line with its first bytes, which the vector above began, and the
                 // rest begin the next. The vector above is kept for each column, and each line
                 // joined from the two goes out with a streaming store; a column's first and last
                 // partial lines take plain stores.
-                bool eights = !together && s1 - s0 == stripColumns;
+                bool eights = (N > 1 || !together) && s1 - s0 == stripColumns;
                 for (std::size_t c = s0; c < s1 && eights; ++c)
                     eights = reinterpret_cast<std::uintptr_t>(columnAt(c)) % 8 == 0;
                 if (eights) {
                     alignas(64) std::uint8_t above[stripColumns][64];
-                    const std::size_t lines = rows / 64 * 64;
-                    for (std::size_t r0 = 0; r0 < lines; r0 += 64)
+                    const std::size_t lines = rows / vectorRows * vectorRows;
+                    for (std::size_t r0 = 0; r0 < lines; r0 += vectorRows)
                         columnVectors(r0, s0, [&](std::size_t c, std::uint8_t* at, hn::VFromD<D> v) {
                             joinLine(v, at, above[c - s0], r0 == 0);
                         });
-                    for (std::size_t c = s0; c < s1; ++c) finishLines(columnAt(c) + (lines - 64), above[c - s0]);
+                    for (std::size_t c = s0; c < s1; ++c)
+                        finishLines(columnAt(c) + (lines - vectorRows) * N, above[c - s0]);
                     for (std::size_t r0 = lines; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
                     continue;
                 }
             }
 #endif
+            if constexpr (N > 1) {
+                for (std::size_t r0 = 0; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
+                continue;
+            }
             const std::size_t first = together ? (64 - offset) % 64 : 0;
             const std::size_t lines = first < rows ? first + (rows - first) / vectorRows * vectorRows : first;
             for (std::size_t r0 = 0; r0 < std::min(first, fullRows); r0 += V) pieceRows(r0, s0, s1);
