@@ -83,18 +83,63 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
         const auto readable = static_cast<std::size_t>(end - (buffer + (fullRows - 1) * rowBytes));
         while (columns + blockColumns <= decoded && (columns / 8 + B - 1) * G + 16 <= readable) columns += blockColumns;
     }
+    const hn::Repartition<std::uint8_t, D16> d8;
     // The block of eight rows, each `step` bytes on from the one above, whose first holds column
-    // c0's bytes at `at`: store(c, piece) for each column piece.
+    // c0's bytes at `at`, decoded and transposed: bytes[k] holds, in block q, the piece of column
+    // c0 + 8 * q + k.
+    auto decodeRows = [&](const std::uint8_t* at, std::size_t step, hn::VFromD<decltype(d8)>* bytes)
+                          LUMO_ALWAYS_INLINE {
+                              for (std::size_t i = 0; i < 8; ++i)
+                                  bytes[i] = hn::BitCast(d8, decodeBlocks<P>(d16, at + i * step));
+                              transposeVectors<2>(d8, bytes);
+                          };
+    // The same block stored: store(c, piece) for each column piece.
     auto block = [&](const std::uint8_t* at, std::size_t step, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
-        hn::VFromD<D16> v[8];
-        for (std::size_t i = 0; i < 8; ++i) v[i] = decodeBlocks<P>(d16, at + i * step);
-        const hn::Repartition<std::uint8_t, D16> d8;
         hn::VFromD<decltype(d8)> bytes[8];
-        for (std::size_t i = 0; i < 8; ++i) bytes[i] = hn::BitCast(d8, v[i]);
-        transposeVectors<2>(d8, bytes);
+        decodeRows(at, step, bytes);
         for (std::size_t k = 0; k < 8; ++k)
             forEachBlock(d8, bytes[k], [&](std::size_t q, BlockVector piece) { store(c0 + 8 * q + k, piece); });
     };
+#if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
+    // Streamed with 512-bit vectors where every column starts at whole 8-byte words from a line:
+    // strips of columns walk down the whole image reading the rows in place, four blocks of eight
+    // rows give each column a vector of 32 rows, and each vector joins the line that the one
+    // above began (as the byte transposes do).
+    if constexpr (B == 4) {
+        constexpr std::size_t strip = 4 * blockColumns, lineRows = 32;
+        if (stores == ColumnStores::Streamed && first == 0 && height % 4 == 0 && fullRows >= lineRows &&
+            reinterpret_cast<std::uintptr_t>(out) % 8 == 0) {
+            const std::size_t lines = height / lineRows * lineRows;
+            alignas(64) std::uint8_t above[strip][64];
+            auto columnAt = [&](std::size_t c) { return reinterpret_cast<std::uint8_t*>(out + c * height); };
+            for (std::size_t s0 = from; s0 < columns; s0 += strip) {
+                const std::size_t s1 = std::min(s0 + strip, columns);
+                for (std::size_t r0 = 0; r0 < lines; r0 += lineRows)
+                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
+                        hn::VFromD<decltype(d8)> groups[4][8];
+                        for (std::size_t g = 0; g < 4; ++g)
+                            decodeRows(buffer + (r0 + 8 * g) * rowBytes + c0 / 8 * G, rowBytes, groups[g]);
+                        for (std::size_t k = 0; k < 8; ++k) {
+                            hn::VFromD<decltype(d8)> w[4] = {groups[0][k], groups[1][k], groups[2][k], groups[3][k]};
+                            transposeBlocks(d8, w);
+                            for (std::size_t q = 0; q < 4; ++q) {
+                                const std::size_t c = c0 + 8 * q + k;
+                                joinLine(w[q], columnAt(c) + r0 * 2, above[c - s0], r0 == 0);
+                            }
+                        }
+                    }
+                for (std::size_t c = s0; c < s1; ++c) finishLines(columnAt(c) + (lines - lineRows) * 2, above[c - s0]);
+                for (std::size_t r0 = lines; r0 < fullRows; r0 += 8)
+                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                        block(buffer + r0 * rowBytes + c0 / 8 * G, rowBytes, c0, [&](std::size_t c, BlockVector piece) {
+                            hn::StoreU(piece, Block(), columnAt(c) + r0 * 2);
+                        });
+            }
+            hwy::FlushStream();
+            return columns;
+        }
+    }
+#endif
     if (stores == ColumnStores::Streamed && first == 0) {
         // Panels of columns whose band copies (2 KiB of each row) stay in the second-level cache.
         constexpr std::size_t bandBytes = 256, strip = std::max<std::size_t>(64, blockColumns);
