@@ -338,7 +338,8 @@ TEST(RGB16Frame, WordImageKernelsMatchTheTable) {
     std::mt19937 rng(16);
     forEachVectorWidth([&](int bits) {
         for (const Case& c : cases)
-            for (auto [w, h] : {std::pair<std::size_t, std::size_t>{70, 9}, {37, 1100}, {600, 20}, {130, 150}})
+            for (auto [w, h] :
+                 {std::pair<std::size_t, std::size_t>{70, 9}, {37, 1100}, {600, 20}, {130, 150}, {130, 200}})
                 for (bool bottomUp : {false, true})
                     for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed})
                         for (std::size_t offset : {0, 5}) {
