@@ -339,7 +339,7 @@ TEST(RGB16Frame, WordImageKernelsMatchTheTable) {
     forEachVectorWidth([&](int bits) {
         for (const Case& c : cases)
             for (auto [w, h] :
-                 {std::pair<std::size_t, std::size_t>{70, 9}, {37, 1100}, {600, 20}, {130, 150}, {130, 200}})
+                 {std::pair<std::size_t, std::size_t>{70, 9}, {37, 1100}, {600, 20}, {130, 150}, {130, 216}})
                 for (bool bottomUp : {false, true})
                     for (ColumnStores stores : {ColumnStores::Cached, ColumnStores::Streamed})
                         for (std::size_t offset : {0, 5}) {

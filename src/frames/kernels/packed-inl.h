@@ -100,6 +100,7 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
         for (std::size_t k = 0; k < 8; ++k)
             forEachBlock(d8, bytes[k], [&](std::size_t q, BlockVector piece) { store(c0 + 8 * q + k, piece); });
     };
+    std::size_t joined = 0;  // rows the joined lines below have done
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
     // Streamed with 512-bit vectors where every column starts at whole 8-byte words from a line
     // and spans less than a page (fewer than 2048 rows): strips of 128 columns walk down the whole
@@ -107,7 +108,7 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
     // rows, and each vector joins the line that the one above began (as the byte transposes do).
     // That measured faster than staging bands at 3840 x 2160 (12-bit 0.35 -> 0.28 ns a pixel,
     // 10-bit 0.29 -> 0.21) but not at 5472 x 3648 (12-bit 0.42 -> 0.40, 10-bit 0.38 -> 0.44), nor
-    // with strips of 64 or 256 columns there.
+    // with strips of 64 or 256 columns there. The rows below the last 32 are stored in place.
     if constexpr (B == 4) {
         constexpr std::size_t strip = 4 * blockColumns, lineRows = 32;
         if (stores == ColumnStores::Streamed && first == 0 && height % 4 == 0 && height < 2048 &&
@@ -132,18 +133,13 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
                         }
                     }
                 for (std::size_t c = s0; c < s1; ++c) finishLines(columnAt(c) + (lines - lineRows) * 2, above[c - s0]);
-                for (std::size_t r0 = lines; r0 < fullRows; r0 += 8)
-                    for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
-                        block(buffer + r0 * rowBytes + c0 / 8 * G, rowBytes, c0, [&](std::size_t c, BlockVector piece) {
-                            hn::StoreU(piece, Block(), columnAt(c) + r0 * 2);
-                        });
             }
             hwy::FlushStream();
-            return columns;
+            joined = lines;
         }
     }
 #endif
-    if (stores == ColumnStores::Streamed && first == 0) {
+    if (joined == 0 && stores == ColumnStores::Streamed && first == 0) {
         // Panels of columns whose band copies (2 KiB of each row) stay in the second-level cache.
         constexpr std::size_t bandBytes = 256, strip = std::max<std::size_t>(64, blockColumns);
         constexpr std::size_t panelColumns = std::max<std::size_t>(2048 / G * 8 / strip, 1) * strip;
@@ -169,7 +165,7 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
         }
         return columns;
     }
-    for (std::size_t r0 = 0; r0 < fullRows; r0 += 8)
+    for (std::size_t r0 = joined; r0 < fullRows; r0 += 8)
         for (std::size_t c0 = from; c0 < columns; c0 += blockColumns)
             block(buffer + r0 * rowBytes + c0 / 8 * G, rowBytes, c0, [&](std::size_t c, BlockVector piece) {
                 if (c >= first)

@@ -122,18 +122,17 @@ void unpackByteTiles(D d, RowAt rowAt, std::size_t r0, std::size_t r1, std::size
 
 // Streamed with 512-bit vectors where every column starts at whole 8-byte words from a line:
 // strips of 64 pixels walk down the whole image, reading the rows in place, and each column's
-// vector of 64 rows joins the line that the one above began (as the byte transposes do); the
-// rows below the last 64 down to the last 16 are stored in place. Returns false, having done
-// nothing, elsewhere.
+// vector of 64 rows joins the line that the one above began (as the byte transposes do).
+// Returns the rows done: the whole groups of 64, or none elsewhere.
 template <class RowAt>
-bool streamJoinedLines(RowAt rowAt, std::size_t height, std::size_t fullCols, const WordFields& f,
-                       std::uint8_t* const planes[3]) {
+std::size_t streamJoinedLines(RowAt rowAt, std::size_t height, std::size_t fullCols, const WordFields& f,
+                              std::uint8_t* const planes[3]) {
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
     constexpr std::size_t L = hn::MaxLanes(Bytes());
     const bool words = height % 8 == 0 && std::all_of(planes, planes + 3, [](const std::uint8_t* p) {
                            return reinterpret_cast<std::uintptr_t>(p) % 8 == 0;
                        });
-    if (!words || height < 64) return false;
+    if (!words || height < 64) return 0;
     const std::size_t lines = height / 64 * 64;
     alignas(64) std::uint8_t above[3][L][64];
     for (std::size_t s0 = 0; s0 < fullCols; s0 += L) {
@@ -148,13 +147,10 @@ bool streamJoinedLines(RowAt rowAt, std::size_t height, std::size_t fullCols, co
                 finishLines(planes[c] + x * height + lines - 64, above[c][x - s0]);
     }
     hwy::FlushStream();
-    unpackByteTiles(Block(), rowAt, lines, height / 16 * 16, 0, fullCols, f,
-                    [&](std::size_t c, std::size_t x, std::size_t r, BlockVector v)
-                        LUMO_ALWAYS_INLINE { hn::StoreU(v, Block(), planes[c] + x * height + r); });
-    return true;
+    return lines;
 #else
     (void)rowAt, (void)height, (void)fullCols, (void)f, (void)planes;
-    return false;
+    return 0;
 #endif
 }
 
@@ -184,10 +180,10 @@ inline void unpackByteImage(const std::uint8_t* src, std::size_t width, std::siz
     auto rowAt = [&](std::size_t r, std::size_t x) { return src + ((flip ? height - 1 - r : r) * width + x) * 2; };
     auto inPlace = [&](std::size_t c, std::size_t x, std::size_t r, auto v)
                        LUMO_ALWAYS_INLINE { hn::StoreU(v, hn::DFromV<decltype(v)>(), planes[c] + x * height + r); };
-    const bool joined = stores == ColumnStores::Streamed && streamJoinedLines(rowAt, height, fullCols, f, planes);
-    if (joined) {
-        // Every whole tile is out.
-    } else if (stores == ColumnStores::Streamed && fullRows > 0) {
+    // Rows the joined lines leave, like every row of a small image, are stored in place.
+    const std::size_t joined =
+        stores == ColumnStores::Streamed ? streamJoinedLines(rowAt, height, fullCols, f, planes) : 0;
+    if (joined == 0 && stores == ColumnStores::Streamed && fullRows > 0) {
         constexpr std::size_t bandBytes = 256, strip = std::max<std::size_t>(64, L), panel = 256;
         for (std::size_t p0 = 0; p0 < fullCols; p0 += panel) {
             const std::size_t p1 = std::min(p0 + panel, fullCols);
@@ -212,7 +208,7 @@ inline void unpackByteImage(const std::uint8_t* src, std::size_t width, std::siz
                 });
         }
     } else {
-        unpackByteTiles(d, rowAt, 0, fullRows, 0, fullCols, f, inPlace);
+        unpackByteTiles(d, rowAt, joined, fullRows, 0, fullCols, f, inPlace);
     }
     if constexpr (L > 16) unpackByteTiles(Block(), rowAt, 0, fullRows, fullCols, blockCols, f, inPlace);
     unpackBytesPlain(rowAt, height, 0, fullRows, blockCols, width, f, planes);
