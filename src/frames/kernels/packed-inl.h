@@ -123,14 +123,10 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
                         hn::VFromD<decltype(d8)> groups[4][8];
                         for (std::size_t g = 0; g < 4; ++g)
                             decodeRows(buffer + (r0 + 8 * g) * rowBytes + c0 / 8 * G, rowBytes, groups[g]);
-                        for (std::size_t k = 0; k < 8; ++k) {
-                            hn::VFromD<decltype(d8)> w[4] = {groups[0][k], groups[1][k], groups[2][k], groups[3][k]};
-                            transposeBlocks(d8, w);
-                            for (std::size_t q = 0; q < 4; ++q) {
-                                const std::size_t c = c0 + 8 * q + k;
-                                joinLine(w[q], columnAt(c) + r0 * 2, above[c - s0], r0 == 0);
-                            }
-                        }
+                        columnsOfGroups<8>(d8, groups,
+                                           [&](std::size_t j, hn::VFromD<decltype(d8)> v) LUMO_ALWAYS_INLINE {
+                                               joinLine(v, columnAt(c0 + j) + r0 * 2, above[c0 + j - s0], r0 == 0);
+                                           });
                     }
                 for (std::size_t c = s0; c < s1; ++c) finishLines(columnAt(c) + (lines - lineRows) * 2, above[c - s0]);
             }

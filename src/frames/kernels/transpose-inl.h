@@ -109,6 +109,20 @@ HWY_INLINE void transposeBlocks(D d, hn::VFromD<D>* w) {
     }
 }
 
+// Column vectors from B groups of V transposed rows (B the blocks per vector): vector k of group
+// g holds, in block q, the piece of column q * V + k from row g * V on. put(j, vector) for each
+// column j's vector of B * V rows.
+template <std::size_t V, class D, class Put>
+HWY_INLINE void columnsOfGroups(D d, const hn::VFromD<D> (*groups)[V], Put put) {
+    constexpr std::size_t B = blocksOf<D>();
+    for (std::size_t k = 0; k < V; ++k) {
+        hn::VFromD<D> w[B];
+        for (std::size_t g = 0; g < B; ++g) w[g] = groups[g][k];
+        transposeBlocks(d, w);
+        for (std::size_t q = 0; q < B; ++q) put(q * V + k, w[q]);
+    }
+}
+
 template <int N>
 inline hwy::UnsignedFromSize<N> swapped(hwy::UnsignedFromSize<N> v) {
     if constexpr (N == 2) return __builtin_bswap16(v);
@@ -365,12 +379,9 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         hn::VFromD<D> groups[B][V];
         if (prefetch) askRows(r0, c0, B * V);
         for (std::size_t g = 0; g < B; ++g) block(rowAt(r0 + g * V) + c0 * N, flip ? -step : step, groups[g]);
-        for (std::size_t k = 0; k < V; ++k) {
-            hn::VFromD<D> w[B];
-            for (std::size_t g = 0; g < B; ++g) w[g] = groups[g][k];
-            transposeBlocks(d, w);
-            for (std::size_t q = 0; q < B; ++q) store(c0 + q * V + k, columnAt(c0 + q * V + k) + r0 * N, w[q]);
-        }
+        columnsOfGroups<V>(d, groups, [&](std::size_t j, hn::VFromD<D> v) LUMO_ALWAYS_INLINE {
+            store(c0 + j, columnAt(c0 + j) + r0 * N, v);
+        });
     };
     // The pieces of V rows from r0 of columns [s0, s1).
     auto pieceRows = [&](std::size_t r0, std::size_t s0, std::size_t s1) LUMO_ALWAYS_INLINE {

@@ -101,12 +101,8 @@ void unpackByteTiles(D d, RowAt rowAt, std::size_t r0, std::size_t r1, std::size
                     // Vector k of group g holds, in block q, the piece of column x + 16 * q + k.
                     hn::VFromD<D> groups[B][16];
                     for (std::size_t g = 0; g < B; ++g) rowsOf(c, r + 16 * g, x, groups[g]);
-                    for (std::size_t k = 0; k < 16; ++k) {
-                        hn::VFromD<D> w[B];
-                        for (std::size_t g = 0; g < B; ++g) w[g] = groups[g][k];
-                        transposeBlocks(d, w);
-                        for (std::size_t q = 0; q < B; ++q) put(c, x + 16 * q + k, r, w[q]);
-                    }
+                    columnsOfGroups<16>(
+                        d, groups, [&](std::size_t j, hn::VFromD<D> v) LUMO_ALWAYS_INLINE { put(c, x + j, r, v); });
                 }
         for (std::size_t r = lines; r < r1; r += 16)
             for (std::size_t x = s0; x < s1; x += L)
