@@ -162,7 +162,7 @@ struct GroupLayout {
     SplitGroups split = nullptr;
     SplitGroups splitLines = nullptr;   // blocks of 16 rows per 16-byte block of a vector
     SplitGroups streamLines = nullptr;  // the same, streamed
-    SplitGroups joinLines = nullptr;    // the same, joined into streamed lines
+    SplitGroups joinLines = nullptr;    // the same, joined into streamed lines (see below)
     std::size_t pixels = 0;             // P
     std::size_t bytes = 0;              // G
 };
@@ -172,16 +172,15 @@ inline GroupLayout groupLayout(const PixelBlock& block) {
     constexpr struct {
         std::size_t bytes, pixels;
         SplitGroups split, splitLines, streamLines, joinLines;
-    } groupKernels[] = {{3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>, splitGroupsInLines<3, 1, streamed>,
-                         splitGroupsInLines<3, 1, joined>},
-                        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>, splitGroupsInLines<4, 1, streamed>,
-                         splitGroupsInLines<4, 1, joined>},
-                        {4, 2, splitGroups<4, 2>, splitGroupsInLines<4, 2>, splitGroupsInLines<4, 2, streamed>,
-                         splitGroupsInLines<4, 2, joined>},
-                        {6, 4, splitGroups<6, 4>, splitGroupsInLines<6, 4>, splitGroupsInLines<6, 4, streamed>,
-                         splitGroupsInLines<6, 4, joined>},
-                        {12, 8, splitGroups<12, 8>, splitGroupsInLines<12, 8>, splitGroupsInLines<12, 8, streamed>,
-                         splitGroupsInLines<12, 8, joined>}};
+    } groupKernels[] = {
+        {3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>, splitGroupsInLines<3, 1, streamed>, nullptr},
+        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>, splitGroupsInLines<4, 1, streamed>, nullptr},
+        {4, 2, splitGroups<4, 2>, splitGroupsInLines<4, 2>, splitGroupsInLines<4, 2, streamed>,
+         splitGroupsInLines<4, 2, joined>},
+        {6, 4, splitGroups<6, 4>, splitGroupsInLines<6, 4>, splitGroupsInLines<6, 4, streamed>,
+         splitGroupsInLines<6, 4, joined>},
+        {12, 8, splitGroups<12, 8>, splitGroupsInLines<12, 8>, splitGroupsInLines<12, 8, streamed>,
+         splitGroupsInLines<12, 8, joined>}};
     for (const auto& kernel : groupKernels) {
         if (block.blockBytes * kernel.pixels != 16 * kernel.bytes) continue;
         bool repeats = true;
@@ -293,12 +292,13 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                              reinterpret_cast<std::uintptr_t>(planes[2]) % 64 == offset;
     // With 512-bit vectors, planes whose columns start at offsets of whole 8-byte words from a
     // line (a height of a multiple of 8 rows, as 2160 is) join each column's lines from its two
-    // vectors around them (joinLine) instead of staging, for layouts of up to two bytes a pixel
-    // (packed 4:2:2 at 3840 x 2160: 0.27 -> 0.22 ns a pixel). Three- and four-byte pixels, whose
-    // rows this walk reads in place, measured 1.1 to 1.2 times slower so and keep the staging.
+    // vectors around them (joinLine) instead of staging, for the layouts of up to two bytes a
+    // pixel (packed 4:2:2 at 3840 x 2160: 0.27 -> 0.22 ns a pixel). Three- and four-byte pixels,
+    // whose rows this walk reads in place, measured 1.1 to 1.2 times slower so: they keep the
+    // staging and have no joined kernel, which would be 70 to 100 KiB of code never run.
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
-    const bool joinLines = columnStores == ColumnStores::Streamed && chunks == 4 && groups.split != nullptr &&
-                           groups.bytes <= 2 * groups.pixels && !streamLines && fullRows >= 64 && height % 8 == 0 &&
+    const bool joinLines = columnStores == ColumnStores::Streamed && chunks == 4 && groups.joinLines != nullptr &&
+                           !streamLines && fullRows >= 64 && height % 8 == 0 &&
                            std::all_of(planes, planes + 3, [](const std::uint8_t* plane) {
                                return reinterpret_cast<std::uintptr_t>(plane) % 8 == 0;
                            });
