@@ -51,39 +51,37 @@ std::vector<std::uint8_t> rgb24Reference(const Layout& l, const std::vector<std:
 }  // namespace
 
 TEST(RGB24Frame, EverySubtypeConvertsLikeTheReference) {
-    forEachStreamingChoice([&] {
-        std::mt19937 rng(4);
-        for (int subtype = 0; subtype < 18; ++subtype)
-            for (bool bottomUp : {false, true}) {
-                // 1024 rows: columns a multiple of 1 KiB apart, which stream at any size.
-                std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {70, 37}, {70, 1024}};
-                // Larger frames for some: one that stays cached, one tall enough to stream whole lines.
-                if (subtype == 0 || subtype == 3 || subtype == 9 || subtype == 12) {
-                    sizes.push_back({1024, 768});
-                    sizes.push_back({1100, 2048});
-                }
-                for (auto [w, h] : sizes) {
-                    SCOPED_TRACE(::testing::Message()
-                                 << "subtype " << subtype << (bottomUp ? " bottom-up " : " ") << w << "x" << h);
-                    const Layout& l = layouts[subtype];
-                    FramePtr frame = make(0x01000000u | (bottomUp ? 0x100u : 0u) | subtype, w, h);
-                    ASSERT_EQ(frame->getBufferSize(), static_cast<std::uint64_t>(w) * h * l.bpp);
-                    EXPECT_EQ(frame->getBitsPerBand(), static_cast<std::uint32_t>(l.bits));
-                    EXPECT_EQ(frame->getDataType(), l.bps == 1 ? 0 : l.isSigned ? 3 : 2);
-                    const auto raw = noise(frame->getBufferSize(), rng);
-                    frame->setBufferData(raw.data());
-                    const auto expect = rgb24Reference(l, raw, w, h, bottomUp);
-                    EXPECT_EQ(planesOf(*frame, expect.size()), expect);
-                    // Three named planes and the conversion of a given source agree.
-                    const std::size_t plane = expect.size() / 3;
-                    std::vector<std::uint8_t> r(plane), g(plane), b(plane);
-                    void* three[] = {r.data(), g.data(), b.data(), nullptr};
-                    frame->getDataFromBuffer(three, raw.data(), 0);
-                    EXPECT_TRUE(std::equal(g.begin(), g.end(), expect.begin() + plane));
-                    EXPECT_TRUE(std::equal(b.begin(), b.end(), expect.begin() + 2 * plane));
-                }
+    std::mt19937 rng(4);
+    for (int subtype = 0; subtype < 18; ++subtype)
+        for (bool bottomUp : {false, true}) {
+            // 1024 rows: columns a multiple of 1 KiB apart, which stream at any size.
+            std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {70, 37}, {70, 1024}};
+            // Larger frames for some: one that stays cached, one tall enough to stream whole lines.
+            if (subtype == 0 || subtype == 3 || subtype == 9 || subtype == 12) {
+                sizes.push_back({1024, 768});
+                sizes.push_back({1100, 2048});
             }
-    });
+            for (auto [w, h] : sizes) {
+                SCOPED_TRACE(::testing::Message()
+                             << "subtype " << subtype << (bottomUp ? " bottom-up " : " ") << w << "x" << h);
+                const Layout& l = layouts[subtype];
+                FramePtr frame = make(0x01000000u | (bottomUp ? 0x100u : 0u) | subtype, w, h);
+                ASSERT_EQ(frame->getBufferSize(), static_cast<std::uint64_t>(w) * h * l.bpp);
+                EXPECT_EQ(frame->getBitsPerBand(), static_cast<std::uint32_t>(l.bits));
+                EXPECT_EQ(frame->getDataType(), l.bps == 1 ? 0 : l.isSigned ? 3 : 2);
+                const auto raw = noise(frame->getBufferSize(), rng);
+                frame->setBufferData(raw.data());
+                const auto expect = rgb24Reference(l, raw, w, h, bottomUp);
+                EXPECT_EQ(planesOf(*frame, expect.size()), expect);
+                // Three named planes and the conversion of a given source agree.
+                const std::size_t plane = expect.size() / 3;
+                std::vector<std::uint8_t> r(plane), g(plane), b(plane);
+                void* three[] = {r.data(), g.data(), b.data(), nullptr};
+                frame->getDataFromBuffer(three, raw.data(), 0);
+                EXPECT_TRUE(std::equal(g.begin(), g.end(), expect.begin() + plane));
+                EXPECT_TRUE(std::equal(b.begin(), b.end(), expect.begin() + 2 * plane));
+            }
+        }
 }
 
 TEST(RGB24Frame, RawCopyDropsPadsReordersAndKeepsUnitBytes) {
@@ -241,37 +239,35 @@ const PlanarLayout planar[9] = {{8, 1, false, false},  {16, 2, false, false}, {1
 }  // namespace
 
 TEST(RGB24Planar, EverySubtypeConvertsAndInterleaves) {
-    forEachStreamingChoice([&] {
-        std::mt19937 rng(10);
-        for (int subtype = 0; subtype < 9; ++subtype)
-            // The last two streamed: by size, and for columns a multiple of 1 KiB apart.
-            for (auto [w, h] : {std::pair{5, 3}, {1, 1}, {1025, 769}, {700, 2048}, {70, 1024}}) {
-                const PlanarLayout& l = planar[subtype];
-                FramePtr frame = make(0x02000000u | subtype, w, h);
-                EXPECT_EQ(frame->getDataType(), l.bps == 1 ? (l.isSigned ? 1 : 0) : (l.isSigned ? 3 : 2));
-                const std::size_t n = static_cast<std::size_t>(w) * h, plane = n * l.bps;
-                const auto raw = noise(3 * plane, rng);
-                frame->setBufferData(raw.data());
-                std::vector<std::uint8_t> expect(3 * plane);
-                for (int c = 0; c < 3; ++c)
-                    for (int x = 0; x < w; ++x)
-                        for (int y = 0; y < h; ++y)
-                            for (int k = 0; k < l.bps; ++k)
-                                expect[c * plane + (static_cast<std::size_t>(x) * h + y) * l.bps + k] =
-                                    raw[c * plane + (static_cast<std::size_t>(y) * w + x) * l.bps +
-                                        (l.bigEndian ? l.bps - 1 - k : k)];
-                EXPECT_EQ(planesOf(*frame, expect.size()), expect) << subtype;
+    std::mt19937 rng(10);
+    for (int subtype = 0; subtype < 9; ++subtype)
+        // The last two streamed: by size, and for columns a multiple of 1 KiB apart.
+        for (auto [w, h] : {std::pair{5, 3}, {1, 1}, {1025, 769}, {700, 2048}, {70, 1024}}) {
+            const PlanarLayout& l = planar[subtype];
+            FramePtr frame = make(0x02000000u | subtype, w, h);
+            EXPECT_EQ(frame->getDataType(), l.bps == 1 ? (l.isSigned ? 1 : 0) : (l.isSigned ? 3 : 2));
+            const std::size_t n = static_cast<std::size_t>(w) * h, plane = n * l.bps;
+            const auto raw = noise(3 * plane, rng);
+            frame->setBufferData(raw.data());
+            std::vector<std::uint8_t> expect(3 * plane);
+            for (int c = 0; c < 3; ++c)
+                for (int x = 0; x < w; ++x)
+                    for (int y = 0; y < h; ++y)
+                        for (int k = 0; k < l.bps; ++k)
+                            expect[c * plane + (static_cast<std::size_t>(x) * h + y) * l.bps + k] =
+                                raw[c * plane + (static_cast<std::size_t>(y) * w + x) * l.bps +
+                                    (l.bigEndian ? l.bps - 1 - k : k)];
+            EXPECT_EQ(planesOf(*frame, expect.size()), expect) << subtype;
 
-                std::vector<std::uint8_t> interleaved(3 * plane, 0x33), expectRaw(3 * plane, 0x33);
-                if (l.bits == 8 || l.bits == 16)
-                    for (std::size_t i = 0; i < n; ++i)
-                        for (int c = 0; c < 3; ++c)
-                            std::memcpy(&expectRaw[(3 * i + c) * l.bps], &raw[c * plane + i * l.bps], l.bps);
-                void* dest[] = {interleaved.data(), nullptr};
-                frame->getDataFromBuffer(dest, raw.data(), 1);
-                EXPECT_EQ(interleaved, expectRaw) << subtype;
-            }
-    });
+            std::vector<std::uint8_t> interleaved(3 * plane, 0x33), expectRaw(3 * plane, 0x33);
+            if (l.bits == 8 || l.bits == 16)
+                for (std::size_t i = 0; i < n; ++i)
+                    for (int c = 0; c < 3; ++c)
+                        std::memcpy(&expectRaw[(3 * i + c) * l.bps], &raw[c * plane + i * l.bps], l.bps);
+            void* dest[] = {interleaved.data(), nullptr};
+            frame->getDataFromBuffer(dest, raw.data(), 1);
+            EXPECT_EQ(interleaved, expectRaw) << subtype;
+        }
 }
 
 TEST(RGB24Planar, RegionOriginIsNotScaledBySampleSize) {

@@ -178,17 +178,24 @@ TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheSharedCache) {
             << (c.value != nullptr ? c.value : "unset") << " with a shared cache of " << c.cache;
 }
 
-// Host arrays kept in place by the threshold that columnStoresFor would stream: 8- and 16-bit ones
-// stream the lines they can from the registers, wider ones stay in place; above the threshold all
-// stream.
-TEST(Transpose, LargeByteArraysKeptInPlaceStreamTheirLines) {
+// Host arrays that columnStoresFor would stream, on either side of the threshold: 8- and 16-bit
+// ones stream the lines they can from the registers, 32-bit ones stream above it, 64-bit ones
+// stay in place; arrays that stay cached do at any threshold.
+TEST(Transpose, StoresOfLargeArraysFollowTheirSampleSize) {
+    constexpr auto Cached = ColumnStores::Cached, Streamed = ColumnStores::Streamed, Lines = ColumnStores::Lines;
+    const struct {
+        std::uint64_t sampleBytes, width, height;
+        ColumnStores under, over;  // the array under the threshold, and over it
+    } cases[] = {{1, 5472, 3648, Lines, Lines},   {2, 5472, 3648, Lines, Lines},   {4, 5472, 3648, Cached, Streamed},
+                 {8, 5472, 3648, Cached, Cached}, {1, 1920, 1080, Cached, Cached}, {4, 1920, 1080, Cached, Cached}};
     const std::uint64_t before = setStreamingThreshold(~std::uint64_t{0});
-    EXPECT_EQ(transposeStoresFor(5472 * 3648, 3648, 1), ColumnStores::Lines);
-    EXPECT_EQ(transposeStoresFor(2 * 5472 * 3648, 3648, 2), ColumnStores::Lines);
-    EXPECT_EQ(transposeStoresFor(4 * 5472 * 3648, 3648, 4), ColumnStores::Cached);
-    EXPECT_EQ(transposeStoresFor(1920 * 1080, 1080, 1), ColumnStores::Cached);
-    setStreamingThreshold(0);
-    EXPECT_EQ(transposeStoresFor(5472 * 3648, 3648, 1), ColumnStores::Streamed);
+    for (std::uint64_t threshold : {~std::uint64_t{0}, std::uint64_t{0}}) {
+        setStreamingThreshold(threshold);
+        for (const auto& c : cases)
+            EXPECT_EQ(transposeStoresFor(c.sampleBytes * c.width * c.height, c.height, c.sampleBytes),
+                      threshold == 0 ? c.over : c.under)
+                << c.sampleBytes << "-byte samples, " << c.width << " x " << c.height << ", threshold " << threshold;
+    }
     setStreamingThreshold(before);
 }
 

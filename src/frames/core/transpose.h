@@ -26,20 +26,22 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
 }
 
 // The stores for a transpose of samples into a host array (monochrome, planar RGB, RGB48, YUV
-// luma): streamed only where columnStoresFor streams and the array is also larger than
-// streamingThreshold(). Below that the columns are stored in place, a strip of columns written
-// down the image in order; the array then stays in the shared cache as a copy by the C library's
-// memcpy would, which measured faster than streaming for every sample size. A transpose writes a
-// strip of columns one source line (64 bytes) wide down the image at once, so columns of
-// `sampleBytes` samples that collide in the cache (unlessColumnsCollide) stream at any size.
-// Arrays of 8- and 16-bit samples that columnStoresFor would stream but the threshold keeps in
-// place take Lines: where their columns are whole lines apart (20 MP's 3648 rows), that measured
-// 1.2 times faster for planar RGB8 at 20 MP and 1.7 times at 3840 x 2176; at 3840 x 2160, whose
+// luma), where columnStoresFor would stream it. Arrays of 8- and 16-bit samples take Lines at
+// every size: where their columns are whole lines apart (20 MP's 3648 rows), that measured 1.2
+// times faster for planar RGB8 at 20 MP and 1.7 times at 3840 x 2176; at 3840 x 2160, whose
 // columns lie at four offsets, joining each line from two vectors measured 1.45 times faster
 // (0.26 -> 0.18 ns a pixel) than storing the vectors in place; 16-bit columns joined so measured
 // 1.6 times faster than 16-byte pieces in place (8 MP mono16 0.45 -> 0.28 ns a pixel, 1080p RGB48
-// 1.30 -> 0.68). The pixel split, the packed unpack, the RGB16 words and the demosaic's merges,
-// which measured faster streamed, keep columnStoresFor.
+// 1.30 -> 0.68). Since the in-place blocks ask for their rows ahead, Lines also beat streaming
+// through staging for arrays larger than streamingThreshold() (20 MP mono8 0.20 -> 0.14 ns a
+// pixel, planar RGB8 0.67 -> 0.50, RGB48 1.26 -> 1.03). 32-bit samples stream through staging
+// above the threshold and are stored in place below it, where the array stays in the shared cache
+// as a copy by the C library's memcpy would; 64-bit samples, whose strips are eight columns wide,
+// are stored in place at every size (20 MP 1.25 -> 1.05 ns a pixel against streaming). A
+// transpose writes a strip of columns one source line (64 bytes) wide down the image at once, so
+// columns of `sampleBytes` samples that collide in the cache (unlessColumnsCollide) stream at any
+// size. The pixel split, the packed unpack, the RGB16 words, the YUV chroma and the demosaic's
+// merges, which measured faster streamed, keep columnStoresFor.
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes);
 
 // Whether `columns` columns of a host array, columnBytes apart and written down the image a
@@ -54,10 +56,10 @@ bool columnsCollide(std::uint64_t columnBytes, std::uint64_t columns, std::uint6
 // measured 1.5 to 5 times faster streamed at every size.
 ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes, std::uint64_t columns);
 
-// The array size above which transposes stream: LUMO_STREAM_ABOVE_MIB from the environment (in
-// MiB, 0 to stream every array that takes whole lines), else a quarter of the shared (last-level)
-// cache, the share the C library's memcpy keeps in the caches, or 8 MiB where the system does not
-// tell the cache's size. Read once. setStreamingThreshold changes it (tests take each path at
+// The array size above which transposes of 32-bit samples stream: LUMO_STREAM_ABOVE_MIB from
+// the environment (in MiB, 0 to stream every such array that takes whole lines), else a quarter
+// of the shared (last-level) cache, the share the C library's memcpy keeps in the caches, or 8 MiB
+// where the system does not tell the cache's size. Read once. setStreamingThreshold changes it (tests take each path at
 // sizes they can afford) and returns the one before.
 std::uint64_t streamingThreshold();
 // The threshold a value of LUMO_STREAM_ABOVE_MIB (null when unset; ignored unless a whole
