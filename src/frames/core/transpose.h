@@ -59,8 +59,8 @@ ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes
 // The array size above which transposes of 32-bit samples stream: LUMO_STREAM_ABOVE_MIB from
 // the environment (in MiB, 0 to stream every such array that takes whole lines), else a quarter
 // of the shared (last-level) cache, the share the C library's memcpy keeps in the caches, or 8 MiB
-// where the system does not tell the cache's size. Read once. setStreamingThreshold changes it (tests take each path at
-// sizes they can afford) and returns the one before.
+// where the system does not tell the cache's size. Read once. setStreamingThreshold changes it
+// (tests take each path at sizes they can afford) and returns the one before.
 std::uint64_t streamingThreshold();
 // The threshold a value of LUMO_STREAM_ABOVE_MIB (null when unset; ignored unless a whole
 // decimal number of at most 2^40) and a shared cache of the given bytes (0 or less when unknown)
