@@ -7,7 +7,6 @@
 #define LUMO_KERNELS_PACKED_INL_H_
 #endif
 
-#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 #include "frames/kernels/transpose-inl.h"
@@ -106,20 +105,19 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
     // Streamed with 512-bit vectors where every column starts at whole 8-byte words from a line:
     // strips of 128 columns walk down the whole image reading the rows in place, four blocks of
     // eight rows give each column a vector of 32 rows, and each vector joins the line that the one
-    // above began (as the byte transposes do). From a source over 4 MiB, each block's rows are
-    // asked for before they are decoded, both ends of what the block reads of each, as the
-    // transposes ask for theirs: without that, 5472 x 3648 measured slower joined than staging
-    // bands (10-bit 0.38 -> 0.44 ns a pixel); with it, ten alternating runs in a slow spell put
-    // the joined walk at a median of 2.3 times memcpy where the bands took 2.8 (10-bit 3840 x
-    // 2160), 3.0 against 3.4 (12-bit), and 2.0 against 2.1 and 2.4 against 2.5 at 5472 x 3648.
-    // Strips of 64 or 256 columns measured no faster. The rows below the last 32 are stored in
-    // place.
+    // above began (as the byte transposes do). From a source over kAskRowsAbove, each block's rows
+    // are asked for before they are decoded (askRows), as the transposes ask for theirs: without
+    // that, 5472 x 3648 measured slower joined than staging bands (10-bit 0.38 -> 0.44 ns a
+    // pixel); with it, ten alternating runs in a slow spell put the joined walk at a median of 2.3
+    // times memcpy where the bands took 2.8 (10-bit 3840 x 2160), 3.0 against 3.4 (12-bit), and
+    // 2.0 against 2.1 and 2.4 against 2.5 at 5472 x 3648. Strips of 64 or 256 columns measured no
+    // faster. The rows below the last 32 are stored in place.
     if constexpr (B == 4) {
         constexpr std::size_t strip = 4 * blockColumns, lineRows = 32;
         if (stores == ColumnStores::Streamed && first == 0 && height % 4 == 0 && fullRows >= lineRows &&
             reinterpret_cast<std::uintptr_t>(out) % 8 == 0) {
             const std::size_t lines = height / lineRows * lineRows;
-            const bool ask = height * rowBytes > (std::size_t{4} << 20);
+            const bool ask = height * rowBytes > kAskRowsAbove;
             alignas(64) std::uint8_t above[strip][64];
             auto columnAt = [&](std::size_t c) { return reinterpret_cast<std::uint8_t*>(out + c * height); };
             for (std::size_t s0 = from; s0 < columns; s0 += strip) {
@@ -127,11 +125,9 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
                 for (std::size_t r0 = 0; r0 < lines; r0 += lineRows)
                     for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
                         hn::VFromD<decltype(d8)> groups[4][8];
-                        for (std::size_t i = 0; ask && i < lineRows; ++i) {
-                            const std::uint8_t* at = buffer + (r0 + i) * rowBytes + c0 / 8 * G;
-                            hwy::Prefetch(at);
-                            hwy::Prefetch(at + (B - 1) * G + 15);
-                        }
+                        if (ask)
+                            askRows(buffer + r0 * rowBytes + c0 / 8 * G, static_cast<std::ptrdiff_t>(rowBytes),
+                                    lineRows, (B - 1) * G + 15);
                         for (std::size_t g = 0; g < 4; ++g)
                             decodeRows(buffer + (r0 + 8 * g) * rowBytes + c0 / 8 * G, rowBytes, groups[g]);
                         columnsOfGroups<8>(d8, groups,

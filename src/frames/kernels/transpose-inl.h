@@ -149,6 +149,21 @@ void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt co
     }
 }
 
+// Walks that read a block of rows in place down a source larger than this ask for the block's
+// rows before loading them (askRows): the loads alone, above all those that straddle two lines,
+// keep too few lines in flight once the source comes from memory.
+constexpr std::size_t kAskRowsAbove = std::size_t{4} << 20;
+
+// Asks for `count` rows, the first at `first` and each `step` bytes on from the one above: the
+// lines of bytes 0 and `last` of each (the ends of what a block reads of a row).
+HWY_INLINE void askRows(const std::uint8_t* first, std::ptrdiff_t step, std::size_t count, std::size_t last) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::uint8_t* at = first + static_cast<std::ptrdiff_t>(i) * step;
+        hwy::Prefetch(at);
+        hwy::Prefetch(at + last);
+    }
+}
+
 // Large images go out in whole lines. A column-major write of a tall image touches a new page
 // for every column, and a line written 16 bytes at a time is read from memory first: so a tile
 // of a band of rows by a strip of columns is transposed into staging memory that stays in the
@@ -347,23 +362,15 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         }
         return fullCols;
     }
-    // Read in place from a source larger than the caches keep for it, a block's rows are asked
-    // for, both lines of each row's vector, before its loads: the loads alone, above all those
-    // that straddle two lines, kept too few lines in flight (5472 x 3648 8-bit 0.31 -> 0.14 ns
-    // a pixel, 3840 x 2160 planar RGB8 0.60 -> 0.42). 16-bit samples, with half the columns to a
-    // block, ask on whole lines only from sources over 16 MiB: 3840 x 2160, just under, measured
-    // 0.26 -> 0.30 so, 5472 x 3648 0.38 -> 0.34, and 5000 x 3000, whose rows straddle, 0.65 -> 0.45.
+    // Read in place from a source over kAskRowsAbove, a block's rows are asked for, both lines of
+    // each row's vector, before its loads (5472 x 3648 8-bit 0.31 -> 0.14 ns a pixel, 3840 x 2160
+    // planar RGB8 0.60 -> 0.42). 16-bit samples, with half the columns to a block, ask on whole
+    // lines only from sources over 16 MiB: 3840 x 2160, just under, measured 0.26 -> 0.30 so,
+    // 5472 x 3648 0.38 -> 0.34, and 5000 x 3000, whose rows straddle, 0.65 -> 0.45.
     const std::size_t sourceBytes = rows * srcRowBytes;
-    const bool prefetch = sourceBytes > (std::size_t{4} << 20) &&
-                          (N == 1 || sourceBytes > (std::size_t{16} << 20) ||
-                           (reinterpret_cast<std::uintptr_t>(src + from * N) | srcRowBytes) % 64 != 0);
-    auto askRows = [&](std::size_t r0, std::size_t c0, std::size_t count) LUMO_ALWAYS_INLINE {
-        for (std::size_t i = 0; i < count; ++i) {
-            const std::uint8_t* at = rowAt(r0 + i) + c0 * N;
-            hwy::Prefetch(at);
-            hwy::Prefetch(at + hn::Lanes(d) - 1);
-        }
-    };
+    const bool prefetch =
+        sourceBytes > kAskRowsAbove && (N == 1 || sourceBytes > (std::size_t{16} << 20) ||
+                                        (reinterpret_cast<std::uintptr_t>(src + from * N) | srcRowBytes) % 64 != 0);
     // In place, byte samples give each column a whole vector at once where the vector holds
     // more than one block: the 64 columns of a strip then take a quarter of the stores, and
     // 16-byte pieces measured up to twice as slow at every frame size (8 MP 0.12 -> 0.045 ns a
@@ -377,7 +384,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     auto columnVectors = [&](std::size_t r0, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
         // Vector k of group g holds, in block q, the piece of column c0 + q * V + k.
         hn::VFromD<D> groups[B][V];
-        if (prefetch) askRows(r0, c0, B * V);
+        if (prefetch) askRows(rowAt(r0) + c0 * N, flip ? -step : step, B * V, hn::Lanes(d) - 1);
         for (std::size_t g = 0; g < B; ++g) block(rowAt(r0 + g * V) + c0 * N, flip ? -step : step, groups[g]);
         columnsOfGroups<V>(d, groups, [&](std::size_t j, hn::VFromD<D> v) LUMO_ALWAYS_INLINE {
             store(c0 + j, columnAt(c0 + j) + r0 * N, v);
