@@ -171,22 +171,41 @@ HWY_INLINE void askRows(const std::uint8_t* first, std::ptrdiff_t step, std::siz
 // with streaming stores. The up to 63 bytes of a column that end a band without finishing a line
 // are carried to the next band; a column's first and last partial lines take plain stores.
 
-// A band of source rows copied, one row after another, into memory of the calling thread: the
-// hardware prefetches rows read in order, which it does not for the many rows of a tile, and the
-// tiles then read the copy from the second-level cache. Row i of the band (of `bytes` each) is
-// read from first + i * step and lies at at + i * stride; the stride is an odd number of lines,
-// so that a tile's rows spread over every set of the first-level cache.
+// A band of source rows copied, one row after another (or `together` at a time), into memory of
+// the calling thread: the hardware prefetches rows read in order, which it does not for the many
+// rows of a tile, and the tiles then read the copy from the second-level cache. Row i of the
+// band (of `bytes` each) is read from first + i * step and lies at at + i * stride; the stride is
+// an odd number of lines, so that a tile's rows spread over every set of the first-level cache.
 struct BandCopy {
     const std::uint8_t* at;
     std::size_t stride;
 };
+template <std::size_t together = 1>
 inline BandCopy copyBand(const std::uint8_t* first, std::ptrdiff_t step, std::size_t rows, std::size_t bytes) {
     thread_local std::vector<std::uint8_t> memory;
     const std::size_t stride = ((bytes + 63) / 64 | 1) * 64;
     if (memory.size() < rows * stride + 64) memory.resize(rows * stride + 64);
     std::uint8_t* const at = memory.data() + (64 - reinterpret_cast<std::uintptr_t>(memory.data()) % 64) % 64;
-    for (std::size_t i = 0; i < rows; ++i)
-        std::memcpy(at + i * stride, first + static_cast<std::ptrdiff_t>(i) * step, bytes);
+    auto rowAt = [&](std::size_t i) { return first + static_cast<std::ptrdiff_t>(i) * step; };
+    if constexpr (together > 1) {
+        // `together` rows at a time, a line of each in turn, so that as many streams are in
+        // flight at once; the bytes past the rows' whole lines, and the rows past the last
+        // group, are copied a row at a time.
+        const Bytes d;
+        const std::size_t lineBytes = bytes / 64 * 64;
+        std::size_t grouped = 0;
+        for (; grouped + together <= rows; grouped += together)
+            for (std::size_t b = 0; b < lineBytes; b += 64)
+                for (std::size_t k = grouped; k < grouped + together; ++k)
+                    for (std::size_t l = b; l < b + 64; l += hn::Lanes(d))
+                        hn::Store(hn::LoadU(d, rowAt(k) + l), d, at + k * stride + l);
+        for (std::size_t i = 0; i < rows; ++i) {
+            const std::size_t copied = i < grouped ? lineBytes : 0;
+            std::memcpy(at + i * stride + copied, rowAt(i) + copied, bytes - copied);
+        }
+    } else {
+        for (std::size_t i = 0; i < rows; ++i) std::memcpy(at + i * stride, rowAt(i), bytes);
+    }
     return {at, stride};
 }
 
@@ -207,7 +226,10 @@ inline Staging stagingFor(std::size_t stage, std::size_t columns) {
 // Bytes [from, to) of the column starting at `column`, staged at `staged`: whole lines streamed,
 // the column's partial first line (first band) and last line (last band) stored plainly, and
 // the bytes of an unfinished line kept in `carry` (which holds those the band above left).
-// Bands other than the last are at least a line long.
+// Bands other than the last are at least a line long. With joinCarried, a carried line is joined
+// in the registers rather than through memory, and whole lines are carried: the staging then
+// needs a line before `staged` and after its end that may be read.
+template <bool joinCarried = false>
 HWY_INLINE void streamColumnPart(std::uint8_t* column, std::size_t from, std::size_t to, const std::uint8_t* staged,
                                  bool first, bool last, std::uint8_t* carry) {
     const Bytes d;
@@ -226,22 +248,43 @@ HWY_INLINE void streamColumnPart(std::uint8_t* column, std::size_t from, std::si
         // The line the band above began: its bytes, then this band's.
         const std::size_t carried = lineAt(p);
         w = p - carried;
-        alignas(64) std::uint8_t line[64];
-        std::memcpy(line, carry, carried);
-        const std::size_t own = std::min<std::size_t>(64 - carried, to - from);
-        std::memcpy(line + carried, staged, own);
-        if (own + carried < 64) {  // the column ends within this line
-            std::memcpy(w, line, carried + own);
-            return;
+        if constexpr (joinCarried) {
+            const std::size_t own = std::min<std::size_t>(64 - carried, to - from);
+            if (own + carried < 64) {  // the column ends within this line
+                std::memcpy(w, carry, carried);
+                std::memcpy(p, staged, own);
+                return;
+            }
+            // Joined in the registers, reading the staging up to a line before `staged`.
+            for (std::size_t i = 0; i < 64; i += hn::Lanes(d)) {
+                const std::size_t fromCarry = carried > i ? std::min(carried - i, hn::Lanes(d)) : 0;
+                hn::Stream(hn::IfThenElse(hn::FirstN(d, fromCarry), hn::Load(d, carry + i),
+                                          hn::LoadU(d, staged - carried + i)),
+                           d, w + i);
+            }
+        } else {
+            alignas(64) std::uint8_t line[64];
+            std::memcpy(line, carry, carried);
+            const std::size_t own = std::min<std::size_t>(64 - carried, to - from);
+            std::memcpy(line + carried, staged, own);
+            if (own + carried < 64) {  // the column ends within this line
+                std::memcpy(w, line, carried + own);
+                return;
+            }
+            streamLine(w, line);
         }
-        streamLine(w, line);
         w += 64;
     }
     for (; w + 64 <= q; w += 64) streamLine(w, staged + (w - p));
-    if (last)
+    if (last) {
         std::memcpy(w, staged + (w - p), static_cast<std::size_t>(q - w));
-    else
+    } else if constexpr (joinCarried) {
+        // The unfinished line's bytes and what follows them (the carried lines follow the
+        // staging's last column).
+        for (std::size_t i = 0; i < 64; i += hn::Lanes(d)) hn::Store(hn::LoadU(d, staged + (w - p) + i), d, carry + i);
+    } else {
         std::memcpy(carry, staged + (w - p), static_cast<std::size_t>(q - w));
+    }
 }
 
 // Copies `bytes` from `from` to `to` (apart), the destination's whole lines with streaming stores.
@@ -253,24 +296,27 @@ inline void streamCopyKernel(std::uint8_t* to, const std::uint8_t* from, std::si
 // rows [0, rows) and columns [from, cols): for each band of bandBytes / sampleBytes rows (bands
 // outermost) and strip of `strip` columns, tile(b0, b1, s0, s1, stage) stages the tile, column x of plane p
 // at stage + (p * strip + x - s0) * bandBytes, each row sampleBytes on; then each column's part
-// of the band is streamed.
-template <std::size_t sampleBytes, std::size_t bandBytes, class ColumnAt, class Tile>
+// of the band is streamed (joinCarried: see streamColumnPart).
+template <std::size_t sampleBytes, std::size_t bandBytes, bool joinCarried = false, class ColumnAt, class Tile>
 void streamBands(std::size_t planes, ColumnAt columnAt, std::size_t rows, std::size_t from, std::size_t cols,
                  std::size_t strip, const Tile& tile) {
     static_assert(bandBytes % 64 == 0, "bands of whole lines");
     constexpr std::size_t bandRows = bandBytes / sampleBytes;
     const std::size_t columns = cols - from;
-    const Staging staging = stagingFor(planes * strip * bandBytes, planes * columns);
+    // Joining carried lines reads up to a line before a column's staging: a line of slack.
+    constexpr std::size_t slack = joinCarried ? 64 : 0;
+    const Staging staging = stagingFor(slack + planes * strip * bandBytes, planes * columns);
+    std::uint8_t* const stage = staging.stage + slack;
     for (std::size_t b0 = 0; b0 < rows; b0 += bandRows) {
         const std::size_t b1 = std::min(b0 + bandRows, rows);
         for (std::size_t s0 = from; s0 < cols; s0 += strip) {
             const std::size_t s1 = std::min(s0 + strip, cols);
-            tile(b0, b1, s0, s1, staging.stage);
+            tile(b0, b1, s0, s1, stage);
             for (std::size_t p = 0; p < planes; ++p)
                 for (std::size_t x = s0; x < s1; ++x)
-                    streamColumnPart(columnAt(p, x), b0 * sampleBytes, b1 * sampleBytes,
-                                     staging.stage + (p * strip + x - s0) * bandBytes, b0 == 0, b1 == rows,
-                                     staging.carry + 64 * (p * columns + x - from));
+                    streamColumnPart<joinCarried>(columnAt(p, x), b0 * sampleBytes, b1 * sampleBytes,
+                                                  stage + (p * strip + x - s0) * bandBytes, b0 == 0, b1 == rows,
+                                                  staging.carry + 64 * (p * columns + x - from));
         }
     }
     hwy::FlushStream();
