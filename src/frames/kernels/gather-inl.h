@@ -283,10 +283,13 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     };
     // Planes whose columns all start at the same offset from a line (a multiple of 16 bytes), as
     // a height of whole lines gives, need no staging to stream: their blocks of whole vectors
-    // start at the row that puts them on lines, and go out straight from the registers.
+    // start at the row that puts them on lines, and go out straight from the registers. Only
+    // vectors of a whole line do: 256-bit vectors leave each line half written while the other
+    // columns of the strip are stored, and measured three times slower so than staged (5472 x
+    // 3648 RGB24 1.22 -> 0.43 ns a pixel, packed 4:2:2 1.18 -> 0.36).
     constexpr std::size_t lineRows = 16 * chunks;
     const std::size_t offset = reinterpret_cast<std::uintptr_t>(planes[0]) % 64;
-    const bool streamLines = columnStores == ColumnStores::Streamed && chunks > 1 && groups.split != nullptr &&
+    const bool streamLines = columnStores == ColumnStores::Streamed && chunks == 4 && groups.split != nullptr &&
                              height % 64 == 0 && offset % 16 == 0 && fullRows >= 64 &&
                              reinterpret_cast<std::uintptr_t>(planes[1]) % 64 == offset &&
                              reinterpret_cast<std::uintptr_t>(planes[2]) % 64 == offset;
