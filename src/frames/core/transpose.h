@@ -14,6 +14,7 @@ enum class SampleOp { Copy, ByteSwap, Complement };
 // columns that all start at the same offset from a line (a column stride of whole lines) sends
 // its whole lines straight from the registers to memory with streaming stores, as does, with
 // 512-bit vectors, a strip of 8- or 16-bit columns that start at offsets of whole 8-byte words.
+// Narrower vectors, half a line or less, take Lines as Streamed.
 enum class ColumnStores { Cached, Streamed, Lines };
 
 // The stores for a host array of `bytes` in columns of `rows`: streamed for arrays that no longer
