@@ -180,22 +180,29 @@ TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheSharedCache) {
 
 // Host arrays that columnStoresFor would stream, on either side of the threshold: 8- and 16-bit
 // ones stream the lines they can from the registers, 32-bit ones stream above it, 64-bit ones
-// stay in place; arrays that stay cached do at any threshold.
+// stay in place (with vectors narrower than 512 bits both stream); arrays that stay cached do at
+// any threshold.
 TEST(Transpose, StoresOfLargeArraysFollowTheirSampleSize) {
     constexpr auto Cached = ColumnStores::Cached, Streamed = ColumnStores::Streamed, Lines = ColumnStores::Lines;
     const struct {
         std::uint64_t sampleBytes, width, height;
-        ColumnStores under, over;  // the array under the threshold, and over it
-    } cases[] = {{1, 5472, 3648, Lines, Lines},   {2, 5472, 3648, Lines, Lines},   {4, 5472, 3648, Cached, Streamed},
-                 {8, 5472, 3648, Cached, Cached}, {1, 1920, 1080, Cached, Cached}, {4, 1920, 1080, Cached, Cached}};
+        ColumnStores under, over, narrow;  // under the threshold, over it, and with narrower vectors
+    } cases[] = {{1, 5472, 3648, Lines, Lines, Lines},        {2, 5472, 3648, Lines, Lines, Lines},
+                 {4, 5472, 3648, Cached, Streamed, Streamed}, {8, 5472, 3648, Cached, Cached, Streamed},
+                 {1, 1920, 1080, Cached, Cached, Cached},     {4, 1920, 1080, Cached, Cached, Cached}};
     const std::uint64_t before = setStreamingThreshold(~std::uint64_t{0});
-    for (std::uint64_t threshold : {~std::uint64_t{0}, std::uint64_t{0}}) {
-        setStreamingThreshold(threshold);
-        for (const auto& c : cases)
-            EXPECT_EQ(transposeStoresFor(c.sampleBytes * c.width * c.height, c.height, c.sampleBytes),
-                      threshold == 0 ? c.over : c.under)
-                << c.sampleBytes << "-byte samples, " << c.width << " x " << c.height << ", threshold " << threshold;
-    }
+    forEachVectorWidth([&](int bits) {
+        for (std::uint64_t threshold : {~std::uint64_t{0}, std::uint64_t{0}}) {
+            setStreamingThreshold(threshold);
+            for (const auto& c : cases)
+                EXPECT_EQ(transposeStoresFor(c.sampleBytes * c.width * c.height, c.height, c.sampleBytes),
+                          bits < 512       ? c.narrow
+                          : threshold == 0 ? c.over
+                                           : c.under)
+                    << c.sampleBytes << "-byte samples, " << c.width << " x " << c.height << ", threshold " << threshold
+                    << ", " << bits << "-bit vectors";
+        }
+    });
     setStreamingThreshold(before);
 }
 

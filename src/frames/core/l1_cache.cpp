@@ -1,5 +1,6 @@
 #include "frames/core/l1_cache.h"
 #include "frames/core/transpose.h"
+#include "frames/kernels/kernels.h"
 
 #include <unistd.h>
 
@@ -95,7 +96,7 @@ ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::ui
     if (columnStoresFor(bytes, rows) == ColumnStores::Streamed) {
         if (sampleBytes <= 2)
             stores = ColumnStores::Lines;
-        else if (sampleBytes == 4 && bytes > streamingThreshold())
+        else if (kernels().vectorBits < 512 || (sampleBytes == 4 && bytes > streamingThreshold()))
             stores = ColumnStores::Streamed;
     }
     return unlessColumnsCollide(stores, rows * sampleBytes, 64 / sampleBytes);

@@ -38,7 +38,10 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
 // pixel, planar RGB8 0.67 -> 0.50, RGB48 1.26 -> 1.03). 32-bit samples stream through staging
 // above the threshold and are stored in place below it, where the array stays in the shared cache
 // as a copy by the C library's memcpy would; 64-bit samples, whose strips are eight columns wide,
-// are stored in place at every size (20 MP 1.25 -> 1.05 ns a pixel against streaming). A
+// are stored in place at every size (20 MP 1.25 -> 1.05 ns a pixel against streaming). Below
+// 512-bit vectors, whose in-place loops take twice the instructions or more for each line they
+// wait on, 32- and 64-bit arrays stream wherever columnStoresFor streams (256-bit 8 MP float
+// 1.07 -> 0.58 ns a pixel, 20 MP double 1.56 -> 1.21; 128-bit 8 MP float 1.54 -> 0.72). A
 // transpose writes a strip of columns one source line (64 bytes) wide down the image at once, so
 // columns of `sampleBytes` samples that collide in the cache (unlessColumnsCollide) stream at any
 // size. The pixel split, the packed unpack, the RGB16 words, the YUV chroma and the demosaic's
