@@ -394,6 +394,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         // 1.22 -> 0.84, planar RGB8 0.65 -> 0.46; 20 MP mono8 0.20 -> 0.16). With 512-bit vectors
         // the same change slowed the in-place loops that share this function's code.
         constexpr bool narrow = hn::MaxLanes(Bytes()) < 64;
+        constexpr std::size_t rowsTogether = narrow ? 8 : 1;
         for (std::size_t p0 = from; p0 < fullCols; p0 += panelColumns) {
             const std::size_t p1 = std::min(p0 + panelColumns, fullCols);
             BandCopy band{};
@@ -401,9 +402,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                 1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, p0, p1, stripColumns,
                 [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
                     if (s0 == p0)
-                        band = copyBand < narrow
-                                   ? 8
-                                   : 1 > (rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0, (p1 - p0) * N);
+                        band = copyBand<rowsTogether>(rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0, (p1 - p0) * N);
                     for (std::size_t r0 = b0; r0 < b1; r0 += V)
                         for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
                             hn::VFromD<D> v[V];
