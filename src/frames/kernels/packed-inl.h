@@ -151,13 +151,13 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
             // What the panel's blocks read of each row: up to 16 bytes from their last block's.
             const std::size_t skipped = p0 / 8 * G, reach = (p1 / 8 - 1) * G + 16 - skipped;
             BandCopy band{};
-            streamBands<2, bandBytes>(
+            streamBands<2, bandBytes, kNarrowVectors>(
                 1, [&](std::size_t, std::size_t c) { return reinterpret_cast<std::uint8_t*>(out + c * height); },
                 fullRows, p0, p1, strip,
                 [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
                     if (s0 == p0)
-                        band = copyBand(buffer + b0 * rowBytes + skipped, static_cast<std::ptrdiff_t>(rowBytes),
-                                        b1 - b0, reach);
+                        band = copyBand<kBandRowsTogether>(buffer + b0 * rowBytes + skipped,
+                                                           static_cast<std::ptrdiff_t>(rowBytes), b1 - b0, reach);
                     for (std::size_t r0 = b0; r0 < b1; r0 += 8)
                         for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
                             block(band.at + (r0 - b0) * band.stride + c0 / 8 * G - skipped, band.stride, c0,

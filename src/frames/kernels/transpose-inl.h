@@ -180,6 +180,14 @@ struct BandCopy {
     const std::uint8_t* at;
     std::size_t stride;
 };
+// Vectors narrower than a line stage every large array. There the staged transposes, the packed
+// unpack and the 8-bit RGB16 words copy the band's rows eight at a time and join carried lines in
+// the registers, as the pixel split does at every width: with 256-bit vectors 1.15 to 1.5 times faster (3840 x 2160 mono16 0.32 -> 0.23 ns a pixel,
+// double 1.22 -> 0.84, planar RGB8 0.65 -> 0.46, packed 12-bit 0.29 -> 0.21; 20 MP mono8
+// 0.20 -> 0.16, packed 10-bit 0.32 -> 0.21, RGB565 0.61 -> 0.52). With 512-bit vectors the same
+// change slowed the transposes' in-place loops, which share their code.
+constexpr bool kNarrowVectors = hn::MaxLanes(Bytes()) < 64;
+constexpr std::size_t kBandRowsTogether = kNarrowVectors ? 8 : 1;
 template <std::size_t together = 1>
 inline BandCopy copyBand(const std::uint8_t* first, std::ptrdiff_t step, std::size_t rows, std::size_t bytes) {
     thread_local std::vector<std::uint8_t> memory;
@@ -388,21 +396,15 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         // them stays in the second-level cache.
         constexpr std::size_t bandBytes = N <= 2 ? 256 : 1024;
         constexpr std::size_t panelColumns = std::max<std::size_t>(2048 / N / blockColumns, 1) * blockColumns;
-        // Vectors narrower than a line, which stage every large array, copy the band's rows eight
-        // at a time and join carried lines in the registers, as the pixel split does: 1.15 to 1.45
-        // times faster with 256-bit vectors (3840 x 2160 mono16 0.32 -> 0.23 ns a pixel, double
-        // 1.22 -> 0.84, planar RGB8 0.65 -> 0.46; 20 MP mono8 0.20 -> 0.16). With 512-bit vectors
-        // the same change slowed the in-place loops that share this function's code.
-        constexpr bool narrow = hn::MaxLanes(Bytes()) < 64;
-        constexpr std::size_t rowsTogether = narrow ? 8 : 1;
         for (std::size_t p0 = from; p0 < fullCols; p0 += panelColumns) {
             const std::size_t p1 = std::min(p0 + panelColumns, fullCols);
             BandCopy band{};
-            streamBands<N, bandBytes, narrow>(
+            streamBands<N, bandBytes, kNarrowVectors>(
                 1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, p0, p1, stripColumns,
                 [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
                     if (s0 == p0)
-                        band = copyBand<rowsTogether>(rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0, (p1 - p0) * N);
+                        band = copyBand<kBandRowsTogether>(rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0,
+                                                           (p1 - p0) * N);
                     for (std::size_t r0 = b0; r0 < b1; r0 += V)
                         for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
                             hn::VFromD<D> v[V];

@@ -188,12 +188,12 @@ inline void unpackByteImage(const std::uint8_t* src, std::size_t width, std::siz
             auto bandRow = [&](std::size_t r, std::size_t x) {
                 return band.at + (r - first) * band.stride + (x - p0) * 2;
             };
-            streamBands<1, bandBytes>(
+            streamBands<1, bandBytes, kNarrowVectors>(
                 3, [&](std::size_t c, std::size_t x) { return planes[c] + x * height; }, fullRows, p0, p1, strip,
                 [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
                     if (s0 == p0) {
                         const auto step = static_cast<std::ptrdiff_t>(width * 2);
-                        band = copyBand(rowAt(b0, p0), flip ? -step : step, b1 - b0, (p1 - p0) * 2);
+                        band = copyBand<kBandRowsTogether>(rowAt(b0, p0), flip ? -step : step, b1 - b0, (p1 - p0) * 2);
                         first = b0;
                     }
                     unpackByteTiles(d, bandRow, b0, b1, s0, s1, f,
