@@ -94,9 +94,11 @@ ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes) {
     ColumnStores stores = ColumnStores::Cached;
     if (columnStoresFor(bytes, rows) == ColumnStores::Streamed) {
-        if (sampleBytes <= 2)
+        if (kernels().vectorBits < 512)
+            stores = ColumnStores::Streamed;
+        else if (sampleBytes <= 2)
             stores = ColumnStores::Lines;
-        else if (kernels().vectorBits < 512 || (sampleBytes == 4 && bytes > streamingThreshold()))
+        else if (sampleBytes == 4 && bytes > streamingThreshold())
             stores = ColumnStores::Streamed;
     }
     return unlessColumnsCollide(stores, rows * sampleBytes, 64 / sampleBytes);

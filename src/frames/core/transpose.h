@@ -14,7 +14,6 @@ enum class SampleOp { Copy, ByteSwap, Complement };
 // columns that all start at the same offset from a line (a column stride of whole lines) sends
 // its whole lines straight from the registers to memory with streaming stores, as does, with
 // 512-bit vectors, a strip of 8- or 16-bit columns that start at offsets of whole 8-byte words.
-// Narrower vectors, half a line or less, take Lines as Streamed.
 enum class ColumnStores { Cached, Streamed, Lines };
 
 // The stores for a host array of `bytes` in columns of `rows`: streamed for arrays that no longer
@@ -39,9 +38,12 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
 // above the threshold and are stored in place below it, where the array stays in the shared cache
 // as a copy by the C library's memcpy would; 64-bit samples, whose strips are eight columns wide,
 // are stored in place at every size (20 MP 1.25 -> 1.05 ns a pixel against streaming). Below
-// 512-bit vectors, whose in-place loops take twice the instructions or more for each line they
-// wait on, 32- and 64-bit arrays stream wherever columnStoresFor streams (256-bit 8 MP float
-// 1.07 -> 0.58 ns a pixel, 20 MP double 1.56 -> 1.21; 128-bit 8 MP float 1.54 -> 0.72). A
+// 512-bit vectors every array that columnStoresFor streams goes through staging: a vector of a
+// column is half a line or less, and stored in place or streamed from the registers it leaves
+// each line half written while the strip's other columns are stored (256-bit 20 MP mono8
+// 0.42 -> 0.18 ns a pixel, mono16 0.69 -> 0.38, planar RGB8 1.21 -> 0.64, RGB48 3.0 -> 1.2), and
+// the 32- and 64-bit in-place loops take twice the instructions or more for each line they wait
+// on (8 MP float 1.07 -> 0.58, 20 MP double 1.56 -> 1.21; 128-bit 8 MP float 1.54 -> 0.72). A
 // transpose writes a strip of columns one source line (64 bytes) wide down the image at once, so
 // columns of `sampleBytes` samples that collide in the cache (unlessColumnsCollide) stream at any
 // size. The pixel split, the packed unpack, the RGB16 words, the YUV chroma and the demosaic's

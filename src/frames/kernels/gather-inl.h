@@ -289,7 +289,7 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     // 3648 RGB24 1.22 -> 0.43 ns a pixel, packed 4:2:2 1.18 -> 0.36).
     constexpr std::size_t lineRows = 16 * chunks;
     const std::size_t offset = reinterpret_cast<std::uintptr_t>(planes[0]) % 64;
-    const bool streamLines = columnStores == ColumnStores::Streamed && chunks == 4 && groups.split != nullptr &&
+    const bool streamLines = columnStores == ColumnStores::Streamed && !kNarrowVectors && groups.split != nullptr &&
                              height % 64 == 0 && offset % 16 == 0 && fullRows >= 64 &&
                              reinterpret_cast<std::uintptr_t>(planes[1]) % 64 == offset &&
                              reinterpret_cast<std::uintptr_t>(planes[2]) % 64 == offset;

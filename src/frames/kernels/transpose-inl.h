@@ -180,12 +180,13 @@ struct BandCopy {
     const std::uint8_t* at;
     std::size_t stride;
 };
-// Vectors narrower than a line stage every large array. There the staged transposes, the packed
-// unpack and the 8-bit RGB16 words copy the band's rows eight at a time and join carried lines in
-// the registers, as the pixel split does at every width: with 256-bit vectors 1.15 to 1.5 times faster (3840 x 2160 mono16 0.32 -> 0.23 ns a pixel,
-// double 1.22 -> 0.84, planar RGB8 0.65 -> 0.46, packed 12-bit 0.29 -> 0.21; 20 MP mono8
-// 0.20 -> 0.16, packed 10-bit 0.32 -> 0.21, RGB565 0.61 -> 0.52). With 512-bit vectors the same
-// change slowed the transposes' in-place loops, which share their code.
+// Vectors narrower than a line stage every large array (transposeStoresFor, and the pixel split
+// below). There the staged transposes, the packed unpack and the 8-bit RGB16 words copy the
+// band's rows eight at a time and join carried lines in the registers, as the pixel split does at
+// every width: with 256-bit vectors 1.15 to 1.5 times faster (3840 x 2160 mono16 0.32 -> 0.23 ns
+// a pixel, double 1.22 -> 0.84, planar RGB8 0.65 -> 0.46, packed 12-bit 0.29 -> 0.21; 20 MP
+// mono8 0.20 -> 0.16, packed 10-bit 0.32 -> 0.21, RGB565 0.61 -> 0.52). With 512-bit vectors the
+// same change slowed the transposes' in-place loops, which share their code.
 constexpr bool kNarrowVectors = hn::MaxLanes(Bytes()) < 64;
 constexpr std::size_t kBandRowsTogether = kNarrowVectors ? 8 : 1;
 template <std::size_t together = 1>
@@ -524,16 +525,10 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
 }
 
 // The blocks at the widest width, the columns right of them on single blocks, then the plain
-// loop for what no block fills. Vectors narrower than a line leave a line of each column half
-// written between their stores, in place or streamed, so there Lines stream through staging:
-// with 256-bit vectors that measured 1.5 to 2.5 times faster at 20 MP (mono8 0.42 -> 0.18 ns a
-// pixel, mono16 0.69 -> 0.38, planar RGB8 1.21 -> 0.64, RGB48 3.0 -> 1.2) and 1.5 to 2 times at
-// 3840 x 2160 for 16-bit samples and planar RGB8, mono8 there measuring the same.
+// loop for what no block fills.
 template <int N, class ColumnAt>
 void transposeColumns(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt columnAt, std::size_t rows,
                       std::size_t cols, bool flip, SampleOp op, ColumnStores stores) {
-    if constexpr (hn::MaxLanes(Bytes()) < 64)
-        if (stores == ColumnStores::Lines) stores = ColumnStores::Streamed;
     std::size_t done = transposeBlocksOf<N>(Bytes(), src, srcRowBytes, columnAt, rows, 0, cols, flip, op, stores);
     // The few columns left are stored in place.
     if constexpr (blocksOf<Bytes>() > 1)
