@@ -12,8 +12,9 @@ enum class SampleOp { Copy, ByteSwap, Complement };
 // straight to memory, for large images, whose columns would otherwise each cost a page and a
 // read of every line before it is written. Lines: stored in place, except that a strip of 8-bit
 // columns that all start at the same offset from a line (a column stride of whole lines) sends
-// its whole lines straight from the registers to memory with streaming stores, as does, with
-// 512-bit vectors, a strip of 8- or 16-bit columns that start at offsets of whole 8-byte words.
+// its whole lines straight from the registers to memory with streaming stores, as does a strip
+// of 8- or 16-bit columns that start at offsets of whole 8-byte words. Lines need vectors of a
+// whole line: with narrower ones they are stored in place, as Cached.
 enum class ColumnStores { Cached, Streamed, Lines };
 
 // The stores for a host array of `bytes` in columns of `rows`: streamed for arrays that no longer

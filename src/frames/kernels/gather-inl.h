@@ -157,6 +157,16 @@ void splitGroups(const std::uint8_t* const rows[16], std::size_t at, std::uint8_
     splitGroupVectors<G, P>(rows, at, columnOf, groupStride, std::make_index_sequence<(L / P * G + L - 1) / L>{});
 }
 
+// The line kernel of a group that stores as S, where this width takes it: streamed and joined
+// lines only with 512-bit vectors (narrower ones stage every large array, below).
+template <std::size_t G, std::size_t P, LineStores S>
+constexpr SplitGroups lineKernel() {
+    if constexpr (kNarrowVectors)
+        return nullptr;
+    else
+        return splitGroupsInLines<G, P, S>;
+}
+
 // The group kernel for a block's layout, if it has one: the smallest group the 16 pixels repeat.
 struct GroupLayout {
     SplitGroups split = nullptr;
@@ -173,14 +183,12 @@ inline GroupLayout groupLayout(const PixelBlock& block) {
         std::size_t bytes, pixels;
         SplitGroups split, splitLines, streamLines, joinLines;
     } groupKernels[] = {
-        {3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>, splitGroupsInLines<3, 1, streamed>, nullptr},
-        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>, splitGroupsInLines<4, 1, streamed>, nullptr},
-        {4, 2, splitGroups<4, 2>, splitGroupsInLines<4, 2>, splitGroupsInLines<4, 2, streamed>,
-         splitGroupsInLines<4, 2, joined>},
-        {6, 4, splitGroups<6, 4>, splitGroupsInLines<6, 4>, splitGroupsInLines<6, 4, streamed>,
-         splitGroupsInLines<6, 4, joined>},
-        {12, 8, splitGroups<12, 8>, splitGroupsInLines<12, 8>, splitGroupsInLines<12, 8, streamed>,
-         splitGroupsInLines<12, 8, joined>}};
+        {3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>, lineKernel<3, 1, streamed>(), nullptr},
+        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>, lineKernel<4, 1, streamed>(), nullptr},
+        {4, 2, splitGroups<4, 2>, splitGroupsInLines<4, 2>, lineKernel<4, 2, streamed>(), lineKernel<4, 2, joined>()},
+        {6, 4, splitGroups<6, 4>, splitGroupsInLines<6, 4>, lineKernel<6, 4, streamed>(), lineKernel<6, 4, joined>()},
+        {12, 8, splitGroups<12, 8>, splitGroupsInLines<12, 8>, lineKernel<12, 8, streamed>(),
+         lineKernel<12, 8, joined>()}};
     for (const auto& kernel : groupKernels) {
         if (block.blockBytes * kernel.pixels != 16 * kernel.bytes) continue;
         bool repeats = true;

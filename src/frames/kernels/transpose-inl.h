@@ -460,7 +460,8 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     // 16 bytes) begins its blocks at the row that puts them on whole lines and streams them
     // straight from the registers; the rows above that row and below the last block take pieces.
     // 16-bit samples take the joined lines below where they can, and pieces in place elsewhere.
-    if ((lineRows > 0 || (N == 2 && rows >= vectorRows)) && stores == ColumnStores::Lines) {
+    // Narrower vectors, which stage the arrays that would take Lines, store them in place.
+    if (!kNarrowVectors && (lineRows > 0 || (N == 2 && rows >= vectorRows)) && stores == ColumnStores::Lines) {
         for (std::size_t s0 = from; s0 < fullCols; s0 += stripColumns) {
             const std::size_t s1 = std::min(s0 + stripColumns, fullCols);
             const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(columnAt(s0)) % 64;
