@@ -384,10 +384,20 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             if (N > 1 && op == SampleOp::ByteSwap) v[k] = hn::TableLookupBytes(v[k], swapOrder);
         }
     };
-    // store(c, piece) for the piece of each column c of a block whose first column is c0.
-    auto storePieces = [&](hn::VFromD<D>* v, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
-        for (std::size_t k = 0; k < V; ++k)
+    // The same block stored: store(c, piece) for the piece of each column c, the block's first
+    // column being c0. Each vector goes from its operation straight to its stores: with the
+    // operation applied to the whole block first, the block was kept in memory between the two,
+    // and 16-bit samples stored in place measured 1.5 times slower (1080p 0.15 -> 0.10 ns a
+    // pixel; at 256 bits 8 MP 0.22 -> 0.18).
+    auto storeBlock = [&](const std::uint8_t* at, std::ptrdiff_t step, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
+        hn::VFromD<D> v[V];
+        for (std::size_t i = 0; i < V; ++i) v[i] = hn::LoadU(d, at + static_cast<std::ptrdiff_t>(i) * step);
+        transposeVectors<N>(d, v);
+        for (std::size_t k = 0; k < V; ++k) {
+            if (op == SampleOp::Complement) v[k] = hn::Not(v[k]);
+            if (N > 1 && op == SampleOp::ByteSwap) v[k] = hn::TableLookupBytes(v[k], swapOrder);
             forEachBlock(d, v[k], [&](std::size_t q, BlockVector piece) { store(c0 + q * V + k, piece); });
+        }
     };
     const auto step = static_cast<std::ptrdiff_t>(srcRowBytes);
     auto rowAt = [&](std::size_t r) { return src + (flip ? rows - 1 - r : r) * srcRowBytes; };
@@ -407,14 +417,12 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                         band = copyBand<kBandRowsTogether>(rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0,
                                                            (p1 - p0) * N);
                     for (std::size_t r0 = b0; r0 < b1; r0 += V)
-                        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
-                            hn::VFromD<D> v[V];
-                            block(band.at + (r0 - b0) * band.stride + (c0 - p0) * N,
-                                  static_cast<std::ptrdiff_t>(band.stride), v);
-                            storePieces(v, c0, [&](std::size_t c, BlockVector piece) {
-                                hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
-                            });
-                        }
+                        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                            storeBlock(band.at + (r0 - b0) * band.stride + (c0 - p0) * N,
+                                       static_cast<std::ptrdiff_t>(band.stride), c0,
+                                       [&](std::size_t c, BlockVector piece) {
+                                           hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
+                                       });
                 });
         }
         return fullCols;
@@ -449,12 +457,9 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     };
     // The pieces of V rows from r0 of columns [s0, s1).
     auto pieceRows = [&](std::size_t r0, std::size_t s0, std::size_t s1) LUMO_ALWAYS_INLINE {
-        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
-            hn::VFromD<D> v[V];
-            block(rowAt(r0) + c0 * N, flip ? -step : step, v);
-            storePieces(v, c0,
-                        [&](std::size_t c, BlockVector piece) { hn::StoreU(piece, Block(), columnAt(c) + r0 * N); });
-        }
+        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+            storeBlock(rowAt(r0) + c0 * N, flip ? -step : step, c0,
+                       [&](std::size_t c, BlockVector piece) { hn::StoreU(piece, Block(), columnAt(c) + r0 * N); });
     };
     // With `Lines`, a strip whose columns all start at the same offset from a line (a multiple of
     // 16 bytes) begins its blocks at the row that puts them on whole lines and streams them
