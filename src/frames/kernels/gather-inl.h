@@ -158,7 +158,8 @@ void splitGroups(const std::uint8_t* const rows[16], std::size_t at, std::uint8_
 }
 
 // The line kernel of a group that stores as S, where this width takes it: streamed and joined
-// lines only with 512-bit vectors (narrower ones stage every large array, below).
+// lines only with 512-bit vectors (narrower ones stage every large array, below). The split
+// streams or joins from the registers only where its layout has the kernel.
 template <std::size_t G, std::size_t P, LineStores S>
 constexpr SplitGroups lineKernel() {
     if constexpr (kNarrowVectors)
@@ -297,7 +298,7 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     // 3648 RGB24 1.22 -> 0.43 ns a pixel, packed 4:2:2 1.18 -> 0.36).
     constexpr std::size_t lineRows = 16 * chunks;
     const std::size_t offset = reinterpret_cast<std::uintptr_t>(planes[0]) % 64;
-    const bool streamLines = columnStores == ColumnStores::Streamed && !kNarrowVectors && groups.split != nullptr &&
+    const bool streamLines = columnStores == ColumnStores::Streamed && groups.streamLines != nullptr &&
                              height % 64 == 0 && offset % 16 == 0 && fullRows >= 64 &&
                              reinterpret_cast<std::uintptr_t>(planes[1]) % 64 == offset &&
                              reinterpret_cast<std::uintptr_t>(planes[2]) % 64 == offset;
@@ -308,8 +309,8 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     // whose rows this walk reads in place, measured 1.1 to 1.2 times slower so: they keep the
     // staging and have no joined kernel, which would be 70 to 100 KiB of code never run.
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
-    const bool joinLines = columnStores == ColumnStores::Streamed && chunks == 4 && groups.joinLines != nullptr &&
-                           !streamLines && fullRows >= 64 && height % 8 == 0 &&
+    const bool joinLines = columnStores == ColumnStores::Streamed && groups.joinLines != nullptr && !streamLines &&
+                           fullRows >= 64 && height % 8 == 0 &&
                            std::all_of(planes, planes + 3, [](const std::uint8_t* plane) {
                                return reinterpret_cast<std::uintptr_t>(plane) % 8 == 0;
                            });
