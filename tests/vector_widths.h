@@ -22,15 +22,19 @@ void forEachVectorWidth(Check check) {
     lumoframekit::limitVectorWidth(before);
 }
 
-// Runs a check with the large host arrays of the transposes streamed past the caches, then stored
-// in place, whatever the machine's own threshold; it is restored after.
+// Runs a check with the large host arrays of the transposes streamed past the caches (those of
+// 16- and 64-bit samples too, as on processors that stage them), then stored in place, whatever
+// the machine's own choice; it is restored after.
 template <typename Check>
 void forEachStreamingChoice(Check check) {
     const std::uint64_t before = lumoframekit::setStreamingThreshold(0);
+    const bool stagedBefore = lumoframekit::setWideSamplesStaged(true);
     for (bool streamed : {true, false}) {
         lumoframekit::setStreamingThreshold(streamed ? 0 : ~std::uint64_t{0});
+        lumoframekit::setWideSamplesStaged(streamed);
         SCOPED_TRACE(streamed ? "large arrays streamed" : "large arrays stored in place");
         check();
     }
+    lumoframekit::setWideSamplesStaged(stagedBefore);
     lumoframekit::setStreamingThreshold(before);
 }

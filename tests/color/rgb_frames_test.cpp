@@ -52,36 +52,38 @@ std::vector<std::uint8_t> rgb24Reference(const Layout& l, const std::vector<std:
 
 TEST(RGB24Frame, EverySubtypeConvertsLikeTheReference) {
     std::mt19937 rng(4);
-    for (int subtype = 0; subtype < 18; ++subtype)
-        for (bool bottomUp : {false, true}) {
-            // 1024 rows: columns a multiple of 1 KiB apart, which stream at any size.
-            std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {70, 37}, {70, 1024}};
-            // Larger frames for some: one that stays cached, one tall enough to stream whole lines.
-            if (subtype == 0 || subtype == 3 || subtype == 9 || subtype == 12) {
-                sizes.push_back({1024, 768});
-                sizes.push_back({1100, 2048});
+    forEachStreamingChoice([&] {
+        for (int subtype = 0; subtype < 18; ++subtype)
+            for (bool bottomUp : {false, true}) {
+                // 1024 rows: columns a multiple of 1 KiB apart, which stream at any size.
+                std::vector<std::pair<int, int>> sizes = {{5, 3}, {7, 2}, {1, 1}, {70, 37}, {70, 1024}};
+                // Larger frames for some: one that stays cached, one tall enough to stream whole lines.
+                if (subtype == 0 || subtype == 3 || subtype == 9 || subtype == 12) {
+                    sizes.push_back({1024, 768});
+                    sizes.push_back({1100, 2048});
+                }
+                for (auto [w, h] : sizes) {
+                    SCOPED_TRACE(::testing::Message()
+                                 << "subtype " << subtype << (bottomUp ? " bottom-up " : " ") << w << "x" << h);
+                    const Layout& l = layouts[subtype];
+                    FramePtr frame = make(0x01000000u | (bottomUp ? 0x100u : 0u) | subtype, w, h);
+                    ASSERT_EQ(frame->getBufferSize(), static_cast<std::uint64_t>(w) * h * l.bpp);
+                    EXPECT_EQ(frame->getBitsPerBand(), static_cast<std::uint32_t>(l.bits));
+                    EXPECT_EQ(frame->getDataType(), l.bps == 1 ? 0 : l.isSigned ? 3 : 2);
+                    const auto raw = noise(frame->getBufferSize(), rng);
+                    frame->setBufferData(raw.data());
+                    const auto expect = rgb24Reference(l, raw, w, h, bottomUp);
+                    EXPECT_EQ(planesOf(*frame, expect.size()), expect);
+                    // Three named planes and the conversion of a given source agree.
+                    const std::size_t plane = expect.size() / 3;
+                    std::vector<std::uint8_t> r(plane), g(plane), b(plane);
+                    void* three[] = {r.data(), g.data(), b.data(), nullptr};
+                    frame->getDataFromBuffer(three, raw.data(), 0);
+                    EXPECT_TRUE(std::equal(g.begin(), g.end(), expect.begin() + plane));
+                    EXPECT_TRUE(std::equal(b.begin(), b.end(), expect.begin() + 2 * plane));
+                }
             }
-            for (auto [w, h] : sizes) {
-                SCOPED_TRACE(::testing::Message()
-                             << "subtype " << subtype << (bottomUp ? " bottom-up " : " ") << w << "x" << h);
-                const Layout& l = layouts[subtype];
-                FramePtr frame = make(0x01000000u | (bottomUp ? 0x100u : 0u) | subtype, w, h);
-                ASSERT_EQ(frame->getBufferSize(), static_cast<std::uint64_t>(w) * h * l.bpp);
-                EXPECT_EQ(frame->getBitsPerBand(), static_cast<std::uint32_t>(l.bits));
-                EXPECT_EQ(frame->getDataType(), l.bps == 1 ? 0 : l.isSigned ? 3 : 2);
-                const auto raw = noise(frame->getBufferSize(), rng);
-                frame->setBufferData(raw.data());
-                const auto expect = rgb24Reference(l, raw, w, h, bottomUp);
-                EXPECT_EQ(planesOf(*frame, expect.size()), expect);
-                // Three named planes and the conversion of a given source agree.
-                const std::size_t plane = expect.size() / 3;
-                std::vector<std::uint8_t> r(plane), g(plane), b(plane);
-                void* three[] = {r.data(), g.data(), b.data(), nullptr};
-                frame->getDataFromBuffer(three, raw.data(), 0);
-                EXPECT_TRUE(std::equal(g.begin(), g.end(), expect.begin() + plane));
-                EXPECT_TRUE(std::equal(b.begin(), b.end(), expect.begin() + 2 * plane));
-            }
-        }
+    });
 }
 
 TEST(RGB24Frame, RawCopyDropsPadsReordersAndKeepsUnitBytes) {

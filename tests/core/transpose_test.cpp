@@ -162,47 +162,65 @@ TEST(Transpose, PaddedColumnsMatchTheDefinition) {
     });
 }
 
-// The threshold from the environment's value, else from the shared cache's size.
-TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheSharedCache) {
+// The threshold from the environment's value, else 16 MiB where wider samples stage, else from the
+// shared cache's size.
+TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheProcessor) {
     constexpr std::uint64_t MiB = std::uint64_t{1} << 20;
     const struct {
         const char* value;
         long cache;
+        bool wideStaged;
         std::uint64_t threshold;
-    } cases[] = {{nullptr, 32 << 20, 8 * MiB},    {nullptr, 0, 8 * MiB},        {nullptr, -1, 8 * MiB},
-                 {"64", 32 << 20, 64 * MiB},      {"0", 32 << 20, 0},           {"", 4 << 20, MiB},
-                 {"12x", 4 << 20, MiB},           {"-5", 4 << 20, MiB},         {" 7", 4 << 20, MiB},
-                 {"1099511627776", 0, MiB << 40}, {"1099511627777", 0, 8 * MiB}};
+    } cases[] = {{nullptr, 32 << 20, false, 8 * MiB},
+                 {nullptr, 0, false, 8 * MiB},
+                 {nullptr, -1, false, 8 * MiB},
+                 {nullptr, 300 << 20, true, 16 * MiB},
+                 {"64", 32 << 20, false, 64 * MiB},
+                 {"0", 32 << 20, true, 0},
+                 {"", 4 << 20, false, MiB},
+                 {"12x", 4 << 20, true, 16 * MiB},
+                 {"-5", 4 << 20, false, MiB},
+                 {" 7", 4 << 20, false, MiB},
+                 {"1099511627776", 0, false, MiB << 40},
+                 {"1099511627777", 0, false, 8 * MiB}};
     for (const auto& c : cases)
-        EXPECT_EQ(streamingThresholdFrom(c.value, c.cache), c.threshold)
-            << (c.value != nullptr ? c.value : "unset") << " with a shared cache of " << c.cache;
+        EXPECT_EQ(streamingThresholdFrom(c.value, c.cache, c.wideStaged), c.threshold)
+            << (c.value != nullptr ? c.value : "unset") << " with a shared cache of " << c.cache
+            << (c.wideStaged ? ", wider samples staged" : "");
 }
 
-// Host arrays that columnStoresFor would stream, on either side of the threshold: 8- and 16-bit
-// ones stream the lines they can from the registers, 32-bit ones stream above it, 64-bit ones
-// stay in place (with vectors narrower than 512 bits all of them stream); arrays that stay cached
-// do at any threshold.
+// Host arrays that columnStoresFor would stream, on either side of the threshold: 8-bit ones
+// stream the lines they can from the registers, 16-bit ones too unless wider samples stage above
+// the threshold, 32-bit ones stream above it, 64-bit ones stay in place unless wider samples stage
+// (with vectors narrower than 512 bits all of them stream); arrays that stay cached do at any
+// threshold.
 TEST(Transpose, StoresOfLargeArraysFollowTheirSampleSize) {
     constexpr auto Cached = ColumnStores::Cached, Streamed = ColumnStores::Streamed, Lines = ColumnStores::Lines;
     const struct {
         std::uint64_t sampleBytes, width, height;
-        ColumnStores under, over, narrow;  // under the threshold, over it, and with narrower vectors
-    } cases[] = {{1, 5472, 3648, Lines, Lines, Streamed},     {2, 5472, 3648, Lines, Lines, Streamed},
-                 {4, 5472, 3648, Cached, Streamed, Streamed}, {8, 5472, 3648, Cached, Cached, Streamed},
-                 {1, 1920, 1080, Cached, Cached, Cached},     {4, 1920, 1080, Cached, Cached, Cached}};
+        ColumnStores under, over, overStaged, narrow;  // over the threshold where wider samples stage
+    } cases[] = {
+        {1, 5472, 3648, Lines, Lines, Lines, Streamed},        {2, 5472, 3648, Lines, Lines, Streamed, Streamed},
+        {4, 5472, 3648, Cached, Streamed, Streamed, Streamed}, {8, 5472, 3648, Cached, Cached, Streamed, Streamed},
+        {1, 1920, 1080, Cached, Cached, Cached, Cached},       {4, 1920, 1080, Cached, Cached, Cached, Cached}};
     const std::uint64_t before = setStreamingThreshold(~std::uint64_t{0});
+    const bool stagedBefore = wideSamplesStaged();
     forEachVectorWidth([&](int bits) {
-        for (std::uint64_t threshold : {~std::uint64_t{0}, std::uint64_t{0}}) {
-            setStreamingThreshold(threshold);
-            for (const auto& c : cases)
-                EXPECT_EQ(transposeStoresFor(c.sampleBytes * c.width * c.height, c.height, c.sampleBytes),
-                          bits < 512       ? c.narrow
-                          : threshold == 0 ? c.over
-                                           : c.under)
-                    << c.sampleBytes << "-byte samples, " << c.width << " x " << c.height << ", threshold " << threshold
-                    << ", " << bits << "-bit vectors";
-        }
+        for (bool staged : {false, true})
+            for (std::uint64_t threshold : {~std::uint64_t{0}, std::uint64_t{0}}) {
+                setWideSamplesStaged(staged);
+                setStreamingThreshold(threshold);
+                for (const auto& c : cases)
+                    EXPECT_EQ(transposeStoresFor(c.sampleBytes * c.width * c.height, c.height, c.sampleBytes),
+                              bits < 512       ? c.narrow
+                              : threshold != 0 ? c.under
+                              : staged         ? c.overStaged
+                                               : c.over)
+                        << c.sampleBytes << "-byte samples, " << c.width << " x " << c.height << ", threshold "
+                        << threshold << (staged ? ", wider samples staged" : "") << ", " << bits << "-bit vectors";
+            }
     });
+    setWideSamplesStaged(stagedBefore);
     setStreamingThreshold(before);
 }
 

@@ -3,6 +3,9 @@
 #include "frames/kernels/kernels.h"
 
 #include <unistd.h>
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -34,20 +37,51 @@ namespace {
 std::atomic<std::uint64_t> streamingAbove{0};
 }  // namespace
 
-std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes) {
+namespace {
+bool intelProcessor() {
+#if defined(__x86_64__) || defined(__i386__)
+    unsigned int highest = 0, b = 0, c = 0, d = 0;
+    // The vendor's name is 12 characters in ebx, edx, ecx.
+    return __get_cpuid(0, &highest, &b, &c, &d) != 0 && b == 0x756E6547u && d == 0x49656E69u && c == 0x6C65746Eu;
+#else
+    return false;
+#endif
+}
+// -1 until first asked for, then 0 or 1.
+std::atomic<int> wideStagedSeen{-1};
+}  // namespace
+
+bool wideSamplesStaged() {
+    int staged = wideStagedSeen.load(std::memory_order_relaxed);
+    if (staged < 0) {
+        staged = intelProcessor() ? 1 : 0;
+        wideStagedSeen.store(staged, std::memory_order_relaxed);
+    }
+    return staged != 0;
+}
+
+bool setWideSamplesStaged(bool staged) {
+    const bool before = wideSamplesStaged();
+    wideStagedSeen.store(staged ? 1 : 0, std::memory_order_relaxed);
+    return before;
+}
+
+std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes, bool wideStaged) {
     if (mebibytes != nullptr && *mebibytes >= '0' && *mebibytes <= '9') {
         char* end = nullptr;
         const unsigned long long value = std::strtoull(mebibytes, &end, 10);
         if (*end == '\0' && value <= (std::uint64_t{1} << 40)) return std::uint64_t{value} << 20;
     }
+    if (wideStaged) return std::uint64_t{16} << 20;
     return sharedCacheBytes > 0 ? static_cast<std::uint64_t>(sharedCacheBytes) / 4 : std::uint64_t{8} << 20;
 }
 
 std::uint64_t streamingThreshold() {
     std::uint64_t threshold = streamingAbove.load(std::memory_order_relaxed);
     if (threshold == 0) {
-        threshold = std::max<std::uint64_t>(
-            streamingThresholdFrom(std::getenv("LUMO_STREAM_ABOVE_MIB"), sysconf(_SC_LEVEL3_CACHE_SIZE)), 1);
+        threshold = std::max<std::uint64_t>(streamingThresholdFrom(std::getenv("LUMO_STREAM_ABOVE_MIB"),
+                                                                   sysconf(_SC_LEVEL3_CACHE_SIZE), wideSamplesStaged()),
+                                            1);
         streamingAbove.store(threshold, std::memory_order_relaxed);
     }
     return threshold;
@@ -96,10 +130,12 @@ ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::ui
     if (columnStoresFor(bytes, rows) == ColumnStores::Streamed) {
         if (kernels().vectorBits < 512)
             stores = ColumnStores::Streamed;
-        else if (sampleBytes <= 2)
+        else if (sampleBytes == 1)
             stores = ColumnStores::Lines;
-        else if (sampleBytes == 4 && bytes > streamingThreshold())
+        else if ((sampleBytes == 4 || wideSamplesStaged()) && bytes > streamingThreshold())
             stores = ColumnStores::Streamed;
+        else if (sampleBytes == 2)
+            stores = ColumnStores::Lines;
     }
     return unlessColumnsCollide(stores, rows * sampleBytes, 64 / sampleBytes);
 }

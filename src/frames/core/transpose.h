@@ -38,7 +38,8 @@ constexpr ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) 
 // pixel, planar RGB8 0.67 -> 0.50, RGB48 1.26 -> 1.03). 32-bit samples stream through staging
 // above the threshold and are stored in place below it, where the array stays in the shared cache
 // as a copy by the C library's memcpy would; 64-bit samples, whose strips are eight columns wide,
-// are stored in place at every size (20 MP 1.25 -> 1.05 ns a pixel against streaming). Below
+// are stored in place at every size (20 MP 1.25 -> 1.05 ns a pixel against streaming). Where
+// wideSamplesStaged(), 16- and 64-bit arrays stream through staging above the threshold too. Below
 // 512-bit vectors every array that columnStoresFor streams goes through staging: a vector of a
 // column is half a line or less, and stored in place or streamed from the registers it leaves
 // each line half written while the strip's other columns are stored (256-bit 20 MP mono8
@@ -63,17 +64,30 @@ bool columnsCollide(std::uint64_t columnBytes, std::uint64_t columns, std::uint6
 // measured 1.5 to 5 times faster streamed at every size.
 ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes, std::uint64_t columns);
 
-// The array size above which transposes of 32-bit samples stream: LUMO_STREAM_ABOVE_MIB from
-// the environment (in MiB, 0 to stream every such array that takes whole lines), else a quarter
+// The array size above which transposes of 32-bit samples (and, where wideSamplesStaged(), of
+// 16- and 64-bit ones) stream: LUMO_STREAM_ABOVE_MIB from the environment (in MiB, 0 to stream
+// every such array that takes whole lines), else 16 MiB where wideSamplesStaged(), else a quarter
 // of the shared (last-level) cache, the share the C library's memcpy keeps in the caches, or 8 MiB
 // where the system does not tell the cache's size. Read once. setStreamingThreshold changes it
 // (tests take each path at sizes they can afford) and returns the one before.
 std::uint64_t streamingThreshold();
 // The threshold a value of LUMO_STREAM_ABOVE_MIB (null when unset; ignored unless a whole
-// decimal number of at most 2^40) and a shared cache of the given bytes (0 or less when unknown)
-// give.
-std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes);
+// decimal number of at most 2^40), a shared cache of the given bytes (0 or less when unknown) and
+// wideSamplesStaged() give.
+std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes, bool wideStaged);
 std::uint64_t setStreamingThreshold(std::uint64_t bytes);
+
+// Whether the transposes' large arrays of 16- and 64-bit samples stream through staging above
+// streamingThreshold(), as 32-bit ones do, rather than taking Lines and being stored in place:
+// on Intel processors. On a 16-core Intel Xeon with 512-bit vectors, staged against the stores
+// above (ns a pixel): 20 MP mono16 0.50 -> 0.34, 8 MP RGB48 1.59 -> 0.99, 20 MP 1.70 -> 1.12,
+// 8 MP float 1.01 -> 0.57, 2448 x 2048 double 3.55 -> 1.15, 20 MP 2.21 -> 1.38; below 16 MiB
+// staging measured slower there (8 MP mono16 0.29 -> 0.33, 1080p RGB48 0.85 -> 1.02). On the
+// AMD processors measured, staging was as slow or slower at every size (20 MP RGB48 1.04 -> 1.46,
+// 20 MP double 1.07 -> 1.22). Decided once from the processor's vendor; setWideSamplesStaged
+// changes it (tests take both paths on any machine) and returns the one before.
+bool wideSamplesStaged();
+bool setWideSamplesStaged(bool staged);
 
 // Transposes rows x cols samples of SampleBytes bytes (1, 2, 4 or 8): the sample at row r,
 // column c of src (rows srcRowBytes apart) goes to dst[(c * dstColumn + r) * SampleBytes]. With
