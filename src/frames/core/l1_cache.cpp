@@ -35,9 +35,7 @@ L1DataCache l1DataCache() {
 namespace {
 // 0 until first asked for; a threshold of 0 itself is stored as 1 (every whole-line array streams).
 std::atomic<std::uint64_t> streamingAbove{0};
-}  // namespace
 
-namespace {
 bool intelProcessor() {
 #if defined(__x86_64__) || defined(__i386__)
     unsigned int highest = 0, b = 0, c = 0, d = 0;
