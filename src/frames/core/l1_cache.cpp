@@ -45,32 +45,21 @@ bool intelProcessor() {
     return false;
 #endif
 }
-// -1 until first asked for, then 0 or 1.
-std::atomic<int> wideStagedSeen{-1};
+// The processor's answer, taken when the library loads; tests change it.
+std::atomic<bool> wideStaged{intelProcessor()};
 }  // namespace
 
-bool wideSamplesStaged() {
-    int staged = wideStagedSeen.load(std::memory_order_relaxed);
-    if (staged < 0) {
-        staged = intelProcessor() ? 1 : 0;
-        wideStagedSeen.store(staged, std::memory_order_relaxed);
-    }
-    return staged != 0;
-}
+bool wideSamplesStaged() { return wideStaged.load(std::memory_order_relaxed); }
 
-bool setWideSamplesStaged(bool staged) {
-    const bool before = wideSamplesStaged();
-    wideStagedSeen.store(staged ? 1 : 0, std::memory_order_relaxed);
-    return before;
-}
+bool setWideSamplesStaged(bool staged) { return wideStaged.exchange(staged, std::memory_order_relaxed); }
 
-std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes, bool wideStaged) {
+std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes, bool wideSamples) {
     if (mebibytes != nullptr && *mebibytes >= '0' && *mebibytes <= '9') {
         char* end = nullptr;
         const unsigned long long value = std::strtoull(mebibytes, &end, 10);
         if (*end == '\0' && value <= (std::uint64_t{1} << 40)) return std::uint64_t{value} << 20;
     }
-    if (wideStaged) return std::uint64_t{16} << 20;
+    if (wideSamples) return std::uint64_t{16} << 20;
     return sharedCacheBytes > 0 ? static_cast<std::uint64_t>(sharedCacheBytes) / 4 : std::uint64_t{8} << 20;
 }
 

@@ -74,7 +74,7 @@ std::uint64_t streamingThreshold();
 // The threshold a value of LUMO_STREAM_ABOVE_MIB (null when unset; ignored unless a whole
 // decimal number of at most 2^40), a shared cache of the given bytes (0 or less when unknown) and
 // wideSamplesStaged() give.
-std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes, bool wideStaged);
+std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes, bool wideSamples);
 std::uint64_t setStreamingThreshold(std::uint64_t bytes);
 
 // Whether the transposes' large arrays of 16- and 64-bit samples stream through staging above
@@ -84,8 +84,8 @@ std::uint64_t setStreamingThreshold(std::uint64_t bytes);
 // 8 MP float 1.01 -> 0.57, 2448 x 2048 double 3.55 -> 1.15, 20 MP 2.21 -> 1.38; below 16 MiB
 // staging measured slower there (8 MP mono16 0.29 -> 0.33, 1080p RGB48 0.85 -> 1.02). On the
 // AMD processors measured, staging was as slow or slower at every size (20 MP RGB48 1.04 -> 1.46,
-// 20 MP double 1.07 -> 1.22). Decided once from the processor's vendor; setWideSamplesStaged
-// changes it (tests take both paths on any machine) and returns the one before.
+// 20 MP double 1.07 -> 1.22). Decided from the processor's vendor when the library loads;
+// setWideSamplesStaged changes it (tests take both paths on any machine) and returns the one before.
 bool wideSamplesStaged();
 bool setWideSamplesStaged(bool staged);
 
