@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <new>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "core/test_frame.h"
@@ -61,6 +63,22 @@ TEST(LUMOFrame, LimiterIsChargedOnceAndCreditedOnce) {
     empty.setMemoryLimiter(&limiter);
     EXPECT_NE(empty.allocateBuffer(), nullptr);  // a zero-length array, charging nothing
     EXPECT_EQ(limiter.getMemoryUsed(), 400u);
+}
+
+TEST(LUMOFrame, BuffersOfAHugePageOrMoreStartOnOne) {
+    constexpr std::uintptr_t hugePage = std::uintptr_t{2} << 20;
+    MemoryLimiter limiter(0, ~0ull >> 1);
+    for (const auto& [w, h, alignment] :
+         {std::tuple{2048, 1023, std::uintptr_t{64}}, {2048, 1024, hugePage}, {5472, 3648, hugePage}}) {
+        TestFrame frame(w, h, 1);
+        frame.setMemoryLimiter(&limiter);
+        std::uint8_t* buffer = frame.allocateBuffer();
+        ASSERT_NE(buffer, nullptr);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer) % alignment, 0u) << w << "x" << h;
+        std::memset(buffer, 1, frame.getBufferSize());
+        EXPECT_EQ(limiter.getMemoryUsed(), frame.getBufferSize());
+    }
+    EXPECT_EQ(limiter.getMemoryUsed(), 0u);
 }
 
 TEST(LUMOFrame, ReferenceCountReleasesAtZero) {
