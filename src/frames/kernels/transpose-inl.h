@@ -149,10 +149,13 @@ void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt co
     }
 }
 
-// Walks that read a block of rows in place down a source larger than this ask for the block's
-// rows before loading them (askRows): the loads alone, above all those that straddle two lines,
-// keep too few lines in flight once the source comes from memory.
+// Walks that read a block of rows in place down a source larger than this ask for rows before
+// loading them (askRows): the loads alone, above all those that straddle two lines, keep too few
+// lines in flight once the source comes from memory.
 constexpr std::size_t kAskRowsAbove = std::size_t{4} << 20;
+// How far below the block they read such walks ask: a block's own rows asked for just before its
+// loads arrive too late once every row is a line from memory.
+constexpr std::size_t kAskAheadRows = 64;
 
 // Asks for `count` rows, the first at `first` and each `step` bytes on from the one above: the
 // lines of bytes 0 and `last` of each (the ends of what a block reads of a row).
@@ -429,15 +432,18 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         }
         return fullCols;
     }
-    // Read in place from a source over kAskRowsAbove, a block's rows are asked for, both lines of
-    // each row's vector, before its loads (5472 x 3648 8-bit 0.31 -> 0.14 ns a pixel, 3840 x 2160
-    // planar RGB8 0.60 -> 0.42). 16-bit samples, with half the columns to a block, ask on whole
-    // lines only from sources over 16 MiB: 3840 x 2160, just under, measured 0.26 -> 0.30 so,
-    // 5472 x 3648 0.38 -> 0.34, and 5000 x 3000, whose rows straddle, 0.65 -> 0.45.
+    // Read in place from a source over kAskRowsAbove, the column vectors ask for the rows of the
+    // block kAskAheadRows below theirs, both lines of each row's vector, before their own loads.
+    // Asking for a block's own rows took 5472 x 3648 8-bit from 0.31 to 0.14 ns a pixel; asking
+    // 64 rows ahead instead, from frame buffers on huge pages, measured 8 MP mono16 0.32 -> 0.18, 20 MP
+    // 0.34 -> 0.21, RGB48 8 MP 1.09 -> 0.60, 1080p 0.74 -> 0.48, 8 MP planar RGB8 0.50 -> 0.35,
+    // 20 MP mono8 0.13 -> 0.11 (four alternating runs). Only the column vectors (8- and 16-bit
+    // samples) ask: the alignment test decides nothing for the wider ones, but without it the
+    // compiler allocated their in-place loops' registers otherwise, with a reload in the 64-bit
+    // loop, and mono double measured 1.13 times slower at every size.
     const std::size_t sourceBytes = rows * srcRowBytes;
-    const bool prefetch =
-        sourceBytes > kAskRowsAbove && (N == 1 || sourceBytes > (std::size_t{16} << 20) ||
-                                        (reinterpret_cast<std::uintptr_t>(src + from * N) | srcRowBytes) % 64 != 0);
+    const bool prefetch = sourceBytes > kAskRowsAbove &&
+                          (N <= 2 || (reinterpret_cast<std::uintptr_t>(src + from * N) | srcRowBytes) % 64 != 0);
     // In place, byte samples give each column a whole vector at once where the vector holds
     // more than one block: the 64 columns of a strip then take a quarter of the stores, and
     // 16-byte pieces measured up to twice as slow at every frame size (8 MP 0.12 -> 0.045 ns a
@@ -451,7 +457,8 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     auto columnVectors = [&](std::size_t r0, std::size_t c0, auto store) LUMO_ALWAYS_INLINE {
         // Vector k of group g holds, in block q, the piece of column c0 + q * V + k.
         hn::VFromD<D> groups[B][V];
-        if (prefetch) askRows(rowAt(r0) + c0 * N, flip ? -step : step, B * V, hn::Lanes(d) - 1);
+        if (prefetch && r0 + kAskAheadRows + B * V <= rows)
+            askRows(rowAt(r0 + kAskAheadRows) + c0 * N, flip ? -step : step, B * V, hn::Lanes(d) - 1);
         for (std::size_t g = 0; g < B; ++g) block(rowAt(r0 + g * V) + c0 * N, flip ? -step : step, groups[g]);
         columnsOfGroups<V>(d, groups, [&](std::size_t j, hn::VFromD<D> v) LUMO_ALWAYS_INLINE {
             store(c0 + j, columnAt(c0 + j) + r0 * N, v);
