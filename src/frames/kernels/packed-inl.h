@@ -105,13 +105,15 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
     // Streamed with 512-bit vectors where every column starts at whole 8-byte words from a line:
     // strips of 128 columns walk down the whole image reading the rows in place, four blocks of
     // eight rows give each column a vector of 32 rows, and each vector joins the line that the one
-    // above began (as the byte transposes do). From a source over kAskRowsAbove, each block's rows
-    // are asked for before they are decoded (askRows), as the transposes ask for theirs: without
-    // that, 5472 x 3648 measured slower joined than staging bands (10-bit 0.38 -> 0.44 ns a
-    // pixel); with it, ten alternating runs in a slow spell put the joined walk at a median of 2.3
-    // times memcpy where the bands took 2.8 (10-bit 3840 x 2160), 3.0 against 3.4 (12-bit), and
-    // 2.0 against 2.1 and 2.4 against 2.5 at 5472 x 3648. Strips of 64 or 256 columns measured no
-    // faster. The rows below the last 32 are stored in place.
+    // above began (as the byte transposes do). From a source over kAskRowsAbove, the rows
+    // kAskAheadRows below each block are asked for before it is decoded (askRows), as the
+    // transposes ask for theirs: without asking, 5472 x 3648 measured slower joined than staging
+    // bands (10-bit 0.38 -> 0.44 ns a pixel); asking for each block's own rows put the joined walk
+    // at a median of 2.3 times memcpy where the bands took 2.8 (10-bit 3840 x 2160), 3.0 against
+    // 3.4 (12-bit); asking ahead, from frame buffers on huge pages, measured 0.27 -> 0.19 (10-bit)
+    // and 0.30 -> 0.20 (12-bit) at 3840 x 2160 and 0.34 -> 0.21 and 0.37 -> 0.29 at 5472 x 3648
+    // (four alternating runs). Strips of 64 or 256 columns measured no faster. The rows below the
+    // last 32 are stored in place.
     if constexpr (B == 4) {
         constexpr std::size_t strip = 4 * blockColumns, lineRows = 32;
         if (stores == ColumnStores::Streamed && first == 0 && height % 4 == 0 && fullRows >= lineRows &&
@@ -125,9 +127,9 @@ std::size_t unpackBlocksOf(D16 d16, std::uint16_t* out, const std::uint8_t* buff
                 for (std::size_t r0 = 0; r0 < lines; r0 += lineRows)
                     for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
                         hn::VFromD<decltype(d8)> groups[4][8];
-                        if (ask)
-                            askRows(buffer + r0 * rowBytes + c0 / 8 * G, static_cast<std::ptrdiff_t>(rowBytes),
-                                    lineRows, (B - 1) * G + 15);
+                        if (ask && r0 + kAskAheadRows + lineRows <= height)
+                            askRows(buffer + (r0 + kAskAheadRows) * rowBytes + c0 / 8 * G,
+                                    static_cast<std::ptrdiff_t>(rowBytes), lineRows, (B - 1) * G + 15);
                         for (std::size_t g = 0; g < 4; ++g)
                             decodeRows(buffer + (r0 + 8 * g) * rowBytes + c0 / 8 * G, rowBytes, groups[g]);
                         columnsOfGroups<8>(d8, groups,
