@@ -435,12 +435,12 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     // Read in place from a source over kAskRowsAbove, the column vectors ask for the rows of the
     // block kAskAheadRows below theirs, both lines of each row's vector, before their own loads.
     // Asking for a block's own rows took 5472 x 3648 8-bit from 0.31 to 0.14 ns a pixel; asking
-    // 64 rows ahead instead, from frame buffers on huge pages, measured 8 MP mono16 0.32 -> 0.18, 20 MP
-    // 0.34 -> 0.21, RGB48 8 MP 1.09 -> 0.60, 1080p 0.74 -> 0.48, 8 MP planar RGB8 0.50 -> 0.35,
-    // 20 MP mono8 0.13 -> 0.11 (four alternating runs). Only the column vectors (8- and 16-bit
-    // samples) ask: the alignment test decides nothing for the wider ones, but without it the
-    // compiler allocated their in-place loops' registers otherwise, with a reload in the 64-bit
-    // loop, and mono double measured 1.13 times slower at every size.
+    // 64 rows ahead instead, from frame buffers on huge pages, measured 8 MP mono16 0.32 -> 0.18,
+    // 20 MP 0.34 -> 0.21, RGB48 8 MP 1.09 -> 0.60, 1080p 0.74 -> 0.48, 8 MP planar RGB8
+    // 0.50 -> 0.35, 20 MP mono8 0.13 -> 0.11 (four alternating runs). The alignment test decides
+    // nothing now (only the column vectors, of 8- and 16-bit samples, read `prefetch`), but
+    // without it the compiler allocated the wider samples' in-place loops' registers otherwise,
+    // with a reload in the 64-bit loop, and mono double measured 1.13 times slower at every size.
     const std::size_t sourceBytes = rows * srcRowBytes;
     const bool prefetch = sourceBytes > kAskRowsAbove &&
                           (N <= 2 || (reinterpret_cast<std::uintptr_t>(src + from * N) | srcRowBytes) % 64 != 0);
@@ -464,8 +464,15 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             store(c0 + j, columnAt(c0 + j) + r0 * N, v);
         });
     };
-    // The pieces of V rows from r0 of columns [s0, s1).
+    // The pieces of V rows from r0 of columns [s0, s1). 32-bit samples, stored in pieces at every
+    // height, ask for the rows kAskAheadRows below theirs as the column vectors do: 1080p float
+    // 0.47 -> 0.20 ns a pixel, 8 MP 0.64 -> 0.54 (four alternating runs); 64-bit samples measured
+    // slower so (8 MP double 0.90 -> 0.99, 20 MP 0.97 -> 1.27). The size is computed here, not
+    // read from sourceBytes: that moved the registers of the other sample sizes' loops.
     auto pieceRows = [&](std::size_t r0, std::size_t s0, std::size_t s1) LUMO_ALWAYS_INLINE {
+        if constexpr (N == 4)
+            if (rows * srcRowBytes > kAskRowsAbove && r0 + kAskAheadRows + V <= rows)
+                askRows(rowAt(r0 + kAskAheadRows) + s0 * N, flip ? -step : step, V, (s1 - s0) * N - 1);
         for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
             storeBlock(rowAt(r0) + c0 * N, flip ? -step : step, c0,
                        [&](std::size_t c, BlockVector piece) { hn::StoreU(piece, Block(), columnAt(c) + r0 * N); });
