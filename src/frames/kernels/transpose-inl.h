@@ -158,12 +158,18 @@ constexpr std::size_t kAskRowsAbove = std::size_t{4} << 20;
 constexpr std::size_t kAskAheadRows = 64;
 
 // Asks for `count` rows, the first at `first` and each `step` bytes on from the one above: the
-// lines of bytes 0 and `last` of each (the ends of what a block reads of a row).
+// lines of bytes 0 and `last` of each (the ends of what a block reads of a row). The lines are
+// asked into the second-level cache, not the first: asked into the first, the requests wait on
+// its few buffers for lines in flight, and the walks kept too few lines coming. Into the second,
+// 5472 x 3648 measured (four alternating runs, best ns a pixel) mono8 0.129 -> 0.080, float
+// 0.69 -> 0.44, planar RGB8 0.46 -> 0.26, packed 12-bit 0.26 -> 0.20, 4:2:0 planar
+// 0.34 -> 0.27; 3840 x 2160 float 0.55 -> 0.40, planar RGB8 0.38 -> 0.27; asked with the
+// third level's hint, the same. The other families measured even.
 HWY_INLINE void askRows(const std::uint8_t* first, std::ptrdiff_t step, std::size_t count, std::size_t last) {
     for (std::size_t i = 0; i < count; ++i) {
         const std::uint8_t* at = first + static_cast<std::ptrdiff_t>(i) * step;
-        hwy::Prefetch(at);
-        hwy::Prefetch(at + last);
+        __builtin_prefetch(at, 0, 2);
+        __builtin_prefetch(at + last, 0, 2);
     }
 }
 
