@@ -379,9 +379,22 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
         std::vector<std::uint8_t> keptMemory(joinLines ? slots.size() * groupsPerBlock * 64 + 64 : 0);
         std::uint8_t* const kept =
             keptMemory.data() + (64 - reinterpret_cast<std::uintptr_t>(keptMemory.data()) % 64) % 64;
+        // Read in place from a source over kAskRowsAbove, each block asks for the strip's lines of
+        // the rows kAskAheadRows below its own, as the transposes do: 5472 x 3648 RGB24
+        // 0.57 -> 0.32 ns a pixel, BGRX32 0.55 -> 0.40, packed 4:2:2 0.35 -> 0.18, and 3840 x
+        // 2160 packed 4:2:2 (joined lines) 0.35 -> 0.21 (four alternating runs).
+        const bool ask = height * stride > kAskRowsAbove;
         auto blocksOfRows = [&](std::size_t s0, std::size_t s1, std::size_t r0, std::size_t r1, std::size_t step,
                                 SplitGroups kernel) LUMO_ALWAYS_INLINE {
             for (; r0 < r1; r0 += step) {
+                if (ask && r0 + kAskAheadRows + step <= fullRows) {
+                    const std::size_t from = s0 / 16 * block.blockBytes, to = s1 / 16 * block.blockBytes;
+                    for (std::size_t i = 0; i < step; ++i) {
+                        const std::uint8_t* row = rowAt(r0 + kAskAheadRows + i);
+                        for (std::size_t b = from; b < to; b += 64) __builtin_prefetch(row + b, 0, 2);
+                        __builtin_prefetch(row + to - 1, 0, 2);
+                    }
+                }
                 const Rows rows = rowsFrom(r0, step);
                 for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
                     std::uint8_t* const base[3] = {planes[0] + x0 * height + r0, planes[1] + x0 * height + r0,
