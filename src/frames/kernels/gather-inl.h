@@ -184,8 +184,8 @@ inline GroupLayout groupLayout(const PixelBlock& block) {
         std::size_t bytes, pixels;
         SplitGroups split, splitLines, streamLines, joinLines;
     } groupKernels[] = {
-        {3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>, lineKernel<3, 1, streamed>(), nullptr},
-        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>, lineKernel<4, 1, streamed>(), nullptr},
+        {3, 1, splitGroups<3, 1>, splitGroupsInLines<3, 1>, lineKernel<3, 1, streamed>(), lineKernel<3, 1, joined>()},
+        {4, 1, splitGroups<4, 1>, splitGroupsInLines<4, 1>, lineKernel<4, 1, streamed>(), lineKernel<4, 1, joined>()},
         {4, 2, splitGroups<4, 2>, splitGroupsInLines<4, 2>, lineKernel<4, 2, streamed>(), lineKernel<4, 2, joined>()},
         {6, 4, splitGroups<6, 4>, splitGroupsInLines<6, 4>, lineKernel<6, 4, streamed>(), lineKernel<6, 4, joined>()},
         {12, 8, splitGroups<12, 8>, splitGroupsInLines<12, 8>, lineKernel<12, 8, streamed>(),
@@ -304,10 +304,11 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                              reinterpret_cast<std::uintptr_t>(planes[2]) % 64 == offset;
     // With 512-bit vectors, planes whose columns start at offsets of whole 8-byte words from a
     // line (a height of a multiple of 8 rows, as 2160 is) join each column's lines from its two
-    // vectors around them (joinLine) instead of staging, for the layouts of up to two bytes a
-    // pixel (packed 4:2:2 at 3840 x 2160: 0.27 -> 0.22 ns a pixel). Three- and four-byte pixels,
-    // whose rows this walk reads in place, measured 1.1 to 1.2 times slower so: they keep the
-    // staging and have no joined kernel, which would be 70 to 100 KiB of code never run.
+    // vectors around them (joinLine) instead of staging (packed 4:2:2 at 3840 x 2160: 0.27 -> 0.22
+    // ns a pixel). Three- and four-byte pixels measured 1.1 to 1.2 times slower so while this walk
+    // read its rows in place without asking for them ahead; asking, 3840 x 2160 RGB24 measured
+    // 0.44 -> 0.27 and BGRX32 0.53 -> 0.38 against staging, 5000 x 3000 0.45 -> 0.41 and
+    // 0.54 -> 0.51 (four alternating runs), for 160 KiB more of code.
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
     const bool joinLines = columnStores == ColumnStores::Streamed && groups.joinLines != nullptr && !streamLines &&
                            fullRows >= 64 && height % 8 == 0 &&
