@@ -51,6 +51,11 @@ std::atomic<bool> wideStaged{intelProcessor()};
 
 bool wideSamplesStaged() { return wideStaged.load(std::memory_order_relaxed); }
 
+std::uint64_t arraysStreamAbove() {
+    constexpr std::uint64_t MiB = std::uint64_t{1} << 20;
+    return wideSamplesStaged() ? MiB : kernels().vectorBits < 512 ? 4 * MiB : 8 * MiB;
+}
+
 bool setWideSamplesStaged(bool staged) { return wideStaged.exchange(staged, std::memory_order_relaxed); }
 
 std::uint64_t streamingThresholdFrom(const char* mebibytes, long sharedCacheBytes, bool wideSamples) {
