@@ -21,14 +21,14 @@ enum class ColumnStores { Cached, Streamed, Lines };
 // on AMD processors with 512-bit vectors a 1920 x 1080 array of up to four bytes a pixel stays
 // cached. Written in place, the columns' partial lines are each read from the shared cache before
 // they are stored, and where that cache is slower to reach, streaming measured faster at 1080p
-// and below: on a 16-core Intel Xeon, streamed above 1 MiB (six alternating runs, best ns a pixel,
-// 1920 x 1080 / 1280 x 960) mono8 0.21 -> 0.11 / 0.14 -> 0.08, packed 12-bit 0.38 -> 0.20 /
-// 0.36 -> 0.24, RGB24 0.65 -> 0.41 / 0.71 -> 0.33, planar RGB8 0.72 -> 0.39 / 0.59 -> 0.31,
-// packed 4:2:2 0.68 -> 0.31 / 0.71 -> 0.24, so 1 MiB where wideSamplesStaged() (Intel
-// processors); on a 2-core AMD EPYC with 256-bit vectors, streamed above 4 MiB, 1080p RGB24
-// 1.54 -> 0.58, planar RGB8 1.59 -> 0.64, packed 4:2:2 1.35 -> 0.52, float 1.09 -> 0.61 (six
-// alternating runs), where streaming above 1 MiB had slowed 1280 x 960 mono8 and RGB24 (0.09 ->
-// 0.13, 0.37 -> 0.55), so 4 MiB with vectors narrower than 512 bits.
+// and below: on a 16-core Intel Xeon, streamed above 1 MiB (five alternating runs, best ns a
+// pixel, 1920 x 1080 / 1280 x 960) mono8 0.21 -> 0.11 / 0.14 -> 0.08, packed 12-bit
+// 0.38 -> 0.20 / 0.36 -> 0.24, RGB24 0.65 -> 0.41 / 0.71 -> 0.33, planar RGB8 0.72 -> 0.39 /
+// 0.59 -> 0.31, packed 4:2:2 0.68 -> 0.31 / 0.71 -> 0.24, so 1 MiB where wideSamplesStaged()
+// (Intel processors); on a 2-core AMD EPYC with 256-bit vectors, streamed above 4 MiB, 1080p RGB24
+// 1.46 -> 0.61, planar RGB8 1.61 -> 0.62, packed 4:2:2 1.15 -> 0.55, float 1.20 -> 0.82 (six
+// alternating runs), where streaming above 1 MiB had slowed 1280 x 960 mono8 and RGB24
+// (0.093 -> 0.131, 0.37 -> 0.55), so 4 MiB with vectors narrower than 512 bits.
 std::uint64_t arraysStreamAbove();
 // The stores for a host array of `bytes` in columns of `rows`: streamed for arrays that no longer
 // stay in the caches between frames or are slower stored in place, above arraysStreamAbove(), and

@@ -153,7 +153,7 @@ void transposeLoop(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt co
 // loading them (askRows): the loads alone, above all those that straddle two lines, keep too few
 // lines in flight once the source comes from memory, and on a 2-core AMD EPYC with 256-bit vectors
 // once it comes from the shared cache: asked above 2 MiB rather than 4, 1920 x 1080 mono16 took
-// 2.04 -> 0.49 ns a pixel and 1280 x 960 0.27 -> 0.18 there (six alternating runs); asked above
+// 1.25 -> 0.45 ns a pixel and 1280 x 960 0.31 -> 0.23 there (six alternating runs); asked above
 // 1 MiB, 1280 x 960 mono8 and planar RGB8 measured slower (0.075 -> 0.111, 0.34 -> 0.44).
 constexpr std::size_t kAskRowsAbove = std::size_t{2} << 20;
 // How far below the block they read such walks ask: a block's own rows asked for just before its
