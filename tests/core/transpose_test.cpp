@@ -223,8 +223,8 @@ TEST(Transpose, StoresOfLargeArraysFollowTheirSampleSize) {
     setStreamingThreshold(before);
 }
 
-// Arrays short of the tall ones' 4 MiB stream above 1 MiB on Intel processors, above 4 MiB with
-// vectors narrower than 512 bits, else above 8 MiB.
+// Arrays of fewer than 2048 rows stream above 1 MiB on Intel processors, above 4 MiB with vectors
+// narrower than 512 bits, else above 8 MiB; taller ones above 4 MiB wherever that is lower.
 TEST(Transpose, ShorterArraysStreamAboveTheProcessorsSize) {
     constexpr auto Cached = ColumnStores::Cached, Streamed = ColumnStores::Streamed;
     constexpr std::uint64_t MiB = std::uint64_t{1} << 20;
