@@ -7,10 +7,8 @@
 #define LUMO_KERNELS_SITES_INL_H_
 #endif
 
-#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
-#include <thread>
 #include <type_traits>
 
 #include "frames/bayer/bayer_util.h"
@@ -69,16 +67,19 @@ HWY_INLINE void computeSites(const T* s, const T* o, std::uint64_t stride, typen
 }
 
 // A task writes the two planes it computes into memory of its own; the last task of each pair
-// merges them into the host planes. Tasks on other threads stream their planes to memory, so that
-// their lines are not then claimed from another core's cache; tasks on the calling thread leave
-// them cached.
+// merges them into the host planes, on whichever thread it runs. The planes are stored into the
+// caches, where that merge finds them. Streamed to memory from threads other than the caller's,
+// the merges read them back from memory: cached, on a 2-core AMD EPYC with 256-bit vectors (two
+// sittings of six alternating runs, best ns a pixel), 8-bit 1080p 1.02 -> 0.44 and 0.91 -> 0.37,
+// 8 MP 1.05 -> 0.65 and 0.98 -> 0.51; 12-bit 8 MP 2.22 -> 1.35 and 2.07 -> 1.29; packed 12-bit
+// 8 MP 2.65 -> 1.57 and 2.52 -> 1.64. At 20 MP, whose planes outgrow the shared cache either way,
+// the two sittings differed (8-bit 0.88 -> 0.79 and 0.71 -> 0.76).
 template <typename T, BayerUtil::BayerSiteKind Kind>
 void siteColumns(const BayerUtil::BayerTBBTask<T>& task) {
     using namespace BayerUtil;
     using L = SiteLanes<T>;
     const typename L::D d;
     const typename L::Narrow dn;
-    const bool stream = std::this_thread::get_id() != task.gate->caller;
     constexpr bool greenSite = Kind == GreenOnRedRow || Kind == GreenOnBlueRow;
     constexpr int firstPlane = planeOfFirst(Kind), secondPlane = planeOfSecond(Kind);
     const std::uint64_t h = task.columnLength, w = task.columnCount, stride = task.padded.stride;
@@ -89,8 +90,6 @@ void siteColumns(const BayerUtil::BayerTBBTask<T>& task) {
     const std::uint64_t sites = evenSites ? (h + 1) / 2 : h / 2;
     const auto zero = hn::Zero(d), upper = hn::Set(d, static_cast<typename L::Wide>(task.upper));
     auto clamp = [&](typename L::V v) { return hn::Min(hn::Max(v, zero), upper); };
-    // Streaming takes vectors of at least 16 bytes.
-    const bool streamStores = stream && hn::MaxLanes(dn) * sizeof(T) >= 16;
     std::uint64_t out = 0;
     for (std::uint64_t p = task.firstColumn; p < w + 2; p += 2, out += task.planeColumn) {
         const T* column = same + p * stride + 1;
@@ -100,18 +99,10 @@ void siteColumns(const BayerUtil::BayerTBBTask<T>& task) {
             typename L::V first, second;
             computeSites<T, greenSite>(column + i, otherRow + i, stride, first, second);
             const auto firsts = hn::DemoteTo(dn, clamp(first)), seconds = hn::DemoteTo(dn, clamp(second));
-            T* const firstAt = task.planes[firstPlane] + out + i;
-            T* const secondAt = task.planes[secondPlane] + out + i;
-            if (streamStores) {
-                hn::Stream(firsts, dn, firstAt);
-                hn::Stream(seconds, dn, secondAt);
-            } else {
-                hn::Store(firsts, dn, firstAt);
-                hn::Store(seconds, dn, secondAt);
-            }
+            hn::Store(firsts, dn, task.planes[firstPlane] + out + i);
+            hn::Store(seconds, dn, task.planes[secondPlane] + out + i);
         }
     }
-    hwy::FlushStream();  // the streamed stores are visible before the task reports done
 }
 
 template <typename T>
