@@ -36,7 +36,7 @@ public:
     const FrameDims* getDimensions() const override;
 
 private:
-    friend bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool rowMajor);
+    friend bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool rowMajor, int rowParity);
     std::int32_t padUnit() const;
     std::int64_t paddedWidth() const;
 

@@ -93,10 +93,12 @@ TEST(BayerFrame, PackedMosaicsDemosaicLikeTheirUnpackedValues) {
 
 // Packed mosaics of every packing, whole and from regions that start inside a packing group,
 // demosaic as their unpacked values do: the mosaic as the host reads it, demosaiced directly.
+// Their rows are unpacked a parity at a time from 3 rows on, all at once below.
 TEST(BayerFrame, PackedMosaicsOfEveryPackingDemosaicAsTheirValues) {
     std::mt19937 rng(21);
     for (std::uint32_t code : {0x06030017u, 0x0603001Bu, 0x0603001Fu, 0x06030023u})  // RGGB: 10, 12, 10 and 12 lsb
-        for (auto [w, h, x] : {std::tuple{70, 37, 0u}, {130, 66, 0u}, {41, 9, 1u}, {66, 20, 3u}}) {
+        for (auto [w, h, x] :
+             {std::tuple{70, 37, 0u}, {130, 66, 0u}, {41, 9, 1u}, {66, 20, 3u}, {20, 3, 0u}, {20, 2, 1u}}) {
             SCOPED_TRACE(::testing::Message() << std::hex << code << std::dec << " " << w << "x" << h << " at " << x);
             const std::uint32_t sw = static_cast<std::uint32_t>(w) + 8;
             FramePtr source = make(code, static_cast<int>(sw), h);

@@ -103,13 +103,31 @@ void BayerFrame::getData(void** dest) {
     }
 
     // Packed samples are unpacked into rows, in working memory kept by the thread, and demosaiced
-    // from them the same way; a mosaic the inner frame cannot deliver demosaics as black.
+    // from them the same way. From 3 rows on, the even rows are unpacked by this thread and the
+    // odd ones by whichever thread writes the odd half of the padded copy, another one where a
+    // task starts in time, so that the two unpack at once (12-bit packed on a 2-core EPYC, 22
+    // alternating runs in three sittings, median ns a pixel: 1080p 1.77 -> 1.62, 8 MP 2.09 -> 2.04,
+    // 20 MP 2.12 -> 2.05; the best runs within the noise). A mosaic the inner frame cannot deliver
+    // demosaics as black: both halves check the whole frame, and fail together.
     if (const auto* packed = dynamic_cast<const PackedMonochromeFrame*>(inner); packed != nullptr) {
         auto* rows = reinterpret_cast<std::uint16_t*>(threadScratch(pixels * sizeof(std::uint16_t)));
-        if (!unpackPacked(*packed, rows, true)) std::memset(rows, 0, pixels * sizeof(std::uint16_t));
-        BayerUtil::demosaicRows16(rows, dims.width, static_cast<std::uint16_t*>(planes[0]),
-                                  static_cast<std::uint16_t*>(planes[1]), static_cast<std::uint16_t*>(planes[2]), size,
-                                  alignment, bits);
+        std::uint16_t* const out[3] = {static_cast<std::uint16_t*>(planes[0]), static_cast<std::uint16_t*>(planes[1]),
+                                       static_cast<std::uint16_t*>(planes[2])};
+        if (dims.height >= 3) {
+            BayerUtil::demosaicParityRows16(
+                [](const void* frame, int parity, std::uint16_t* to) {
+                    const auto& mosaic = *static_cast<const PackedMonochromeFrame*>(frame);
+                    if (unpackPacked(mosaic, to, true, parity)) return;
+                    const FrameDims& d = *mosaic.getDimensions();
+                    std::memset(to, 0,
+                                std::size_t{d.width} * ((d.height + 1u - static_cast<std::uint32_t>(parity)) / 2) *
+                                    sizeof(std::uint16_t));
+                },
+                packed, rows, out[0], out[1], out[2], size, alignment, bits);
+            return;
+        }
+        if (!unpackPacked(*packed, rows, true, -1)) std::memset(rows, 0, pixels * sizeof(std::uint16_t));
+        BayerUtil::demosaicRows16(rows, dims.width, out[0], out[1], out[2], size, alignment, bits);
         return;
     }
 

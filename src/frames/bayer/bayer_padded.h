@@ -165,30 +165,49 @@ constexpr ColumnStores paddedStoresFor(std::uint64_t bytes) {
     return sizeof(T) == 1 && bytes <= (std::uint64_t{16} << 20) ? ColumnStores::Cached : ColumnStores::Streamed;
 }
 
+// Half `part` of the padded columns from the image rows of that parity, row i of them (image row
+// 2 * i + part) at first + i * step: transposed straight into the half, and the rows above and
+// below in it from the image rows they reflect, image row r at rowAt(r), so that the lines just
+// written are not read back. Images of 3 rows or more reflect rows of the half's own parity only.
+template <typename T, class RowAt>
+void rowsIntoHalf(const T* first, std::uint64_t step, RowAt rowAt, T* even, T* odd, std::uint64_t stride,
+                  const SampleKernels<T>& k, int part, std::uint64_t height, std::uint64_t width) {
+    const std::uint64_t rows = part == 0 ? (height + 1) / 2 : height / 2;
+    const ColumnStores stores = paddedStoresFor<T>(2 * stride * (width + 4) * sizeof(T));
+    T* const halves[2] = {even, odd};
+    k.transposeIntoLines(reinterpret_cast<const std::uint8_t*>(first), step * sizeof(T), halves[part] + 2 * stride + 1,
+                         stride, rows, width, stores);
+    for (int which = 0; which < 4; ++which) {
+        const std::uint64_t q = borderRows(height, which);
+        if (static_cast<int>(q % 2) != part) continue;
+        const T* from = rowAt(reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height)));
+        T* at = halves[part] + 2 * stride + q / 2;
+        for (std::uint64_t x = 0; x < width; ++x) at[x * stride] = from[x];
+    }
+}
+
 // From a row-major mosaic (rows rowSamples apart): the even rows and the odd rows, the two
 // halves, each transposed straight into their half of the padded columns.
 template <typename T>
 auto fromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std::uint64_t width) {
     return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k, int part) {
-        const auto* bytes = reinterpret_cast<const std::uint8_t*>(rows);
-        const std::size_t rowBytes = rowSamples * sizeof(T);
-        const std::uint64_t evenRows = (height + 1) / 2, oddRows = height / 2;
-        const ColumnStores stores = paddedStoresFor<T>(2 * stride * (width + 4) * sizeof(T));
-        if (part == 0)
-            k.transposeIntoLines(bytes, 2 * rowBytes, even + 2 * stride + 1, stride, evenRows, width, stores);
-        else
-            k.transposeIntoLines(bytes + rowBytes, 2 * rowBytes, odd + 2 * stride + 1, stride, oddRows, width, stores);
-        // The rows above and below in this half, from the source rows they reflect: the lines
-        // just written are not read back.
-        T* const halves[2] = {even, odd};
-        for (int which = 0; which < 4; ++which) {
-            const std::uint64_t q = borderRows(height, which);
-            if (static_cast<int>(q % 2) != part) continue;
-            const T* source =
-                rows + reflected(static_cast<std::int64_t>(q), static_cast<std::int64_t>(height)) * rowSamples;
-            T* at = halves[q % 2] + 2 * stride + q / 2;
-            for (std::uint64_t x = 0; x < width; ++x) at[x * stride] = source[x];
-        }
+        rowsIntoHalf(
+            rows + static_cast<std::uint64_t>(part) * rowSamples, 2 * rowSamples,
+            [=](std::uint64_t r) { return rows + r * rowSamples; }, even, odd, stride, k, part, height, width);
+    };
+}
+
+// From a mosaic of 3 rows or more whose rows of each parity `make` writes, one after another,
+// into scratch (the even rows first, then the odd): each half of them is made by the thread that
+// writes its half of the padded columns, which reads no row of the other.
+template <typename T>
+auto fromParityRows(ParityRows16 make, const void* context, T* scratch, std::uint64_t height, std::uint64_t width) {
+    return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k, int part) {
+        T* const rows = scratch + (part == 0 ? 0 : (height + 1) / 2 * width);
+        make(context, part, rows);
+        rowsIntoHalf(
+            rows, width, [=](std::uint64_t r) { return rows + r / 2 * width; }, even, odd, stride, k, part, height,
+            width);
     };
 }
 

@@ -278,6 +278,13 @@ void demosaicRows16(const std::uint16_t* rows, std::uint64_t rowSamples, std::ui
     demosaic(fromRows(rows, rowSamples, dims.first, dims.second), red, green, blue, dims, alignment, bits, 16);
 }
 
+void demosaicParityRows16(ParityRows16 make, const void* context, std::uint16_t* scratch, std::uint16_t* red,
+                          std::uint16_t* green, std::uint16_t* blue, std::pair<std::uint32_t, std::uint32_t> dims,
+                          std::uint32_t alignment, std::uint32_t bits) {
+    demosaic(fromParityRows(make, context, scratch, dims.first, dims.second), red, green, blue, dims, alignment, bits,
+             16);
+}
+
 template struct BayerTBBTask<std::uint8_t>;
 template struct BayerTBBTask<std::uint16_t>;
 

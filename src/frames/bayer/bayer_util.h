@@ -103,5 +103,16 @@ void demosaicRows16(const std::uint16_t* rows, std::uint64_t rowSamples, std::ui
                     std::uint16_t* blue, std::pair<std::uint32_t, std::uint32_t> dims, std::uint32_t alignment,
                     std::uint32_t bits);
 
+// Writes the rows of one parity (0 the even rows, 1 the odd) of a row-major, top-down mosaic, one
+// after another and `width` samples apart, to `out`; `context` is the caller's.
+using ParityRows16 = void (*)(const void* context, int parity, std::uint16_t* out);
+// The same from a mosaic of 3 rows or more that `make` writes a parity at a time, as a packed one
+// is unpacked: the even rows into the start of `scratch` (height x width samples), the odd ones
+// after them, each half by the thread that writes that half of the padded copy, so that two
+// threads make the rows at once.
+void demosaicParityRows16(ParityRows16 make, const void* context, std::uint16_t* scratch, std::uint16_t* red,
+                          std::uint16_t* green, std::uint16_t* blue, std::pair<std::uint32_t, std::uint32_t> dims,
+                          std::uint32_t alignment, std::uint32_t bits);
+
 }  // namespace BayerUtil
 }  // namespace lumoframekit

@@ -100,9 +100,10 @@ std::uint8_t* PackedMonochromeFrame::copyRegionToBuffer(const std::uint8_t* src,
 }
 
 // Every pixel of the frame as 16-bit values, column-major or row-major; false (and nothing
-// written) when the frame holds no image or its buffer does not hold every byte the unpacking
-// reads.
-bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool rowMajor) {
+// written) when the frame holds no image or its buffer does not hold every byte the unpacking of
+// the whole frame reads. Row-major, a rowParity of 0 or 1 writes only the even or the odd rows,
+// one after another (-1 writes every row).
+bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool rowMajor, int rowParity) {
     if (!frame.isBufferAllocated() || out == nullptr || frame.width < 1 || frame.height < 1) return false;
     const PackingFacts& facts = packingOf(frame.bitsPerBand, frame.lsbFirst);
     const auto rowBytes = static_cast<std::size_t>(frame.paddedWidth() * frame.bytesPerGroup / frame.pixelsPerGroup);
@@ -115,19 +116,25 @@ bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool r
     const std::uint8_t* end = frame.buffer + readable;
     const Kernels& k = kernels();
     const std::size_t packing = static_cast<std::size_t>(&facts - kPackings);
-    if (rowMajor)
+    if (rowMajor && rowParity >= 0) {
+        const auto parity = static_cast<std::size_t>(rowParity & 1);
+        if (parity < h)
+            k.unpackRows[packing](out, frame.buffer + parity * rowBytes, end, 2 * rowBytes, first, w,
+                                  (h - parity + 1) / 2);
+    } else if (rowMajor) {
         k.unpackRows[packing](out, frame.buffer, end, rowBytes, first, w, h);
-    else
+    } else {
         // In place the unpack writes eight rows across the whole width, which the second-level
         // cache holds; strides that crowd 64 columns into too few sets of the first-level cache
         // (512, 1024 or 1536 rows) measured 4 to 10 times slower in place than streamed.
         k.unpack[packing](out, frame.buffer, end, rowBytes, first, w, h,
                           unlessColumnsCollide(columnStoresFor(2 * w * h, h), 2 * h, 64));
+    }
     return true;
 }
 
 void PackedMonochromeFrame::getData(void** dest) {
-    if (dest != nullptr) unpackPacked(*this, static_cast<std::uint16_t*>(dest[0]), false);
+    if (dest != nullptr) unpackPacked(*this, static_cast<std::uint16_t*>(dest[0]), false, -1);
 }
 
 }  // namespace lumoframekit
