@@ -165,13 +165,15 @@ constexpr ColumnStores paddedStoresFor(std::uint64_t bytes) {
     return sizeof(T) == 1 && bytes <= (std::uint64_t{16} << 20) ? ColumnStores::Cached : ColumnStores::Streamed;
 }
 
-// Half `part` of the padded columns from the image rows of that parity, row i of them (image row
-// 2 * i + part) at first + i * step: transposed straight into the half, and the rows above and
-// below in it from the image rows they reflect, image row r at rowAt(r), so that the lines just
-// written are not read back. Images of 3 rows or more reflect rows of the half's own parity only.
+// Half `part` of the padded columns from the image rows of that parity, image row r at rowAt(r)
+// and each row of the parity `step` samples on from the one two above: transposed straight into
+// the half, and the rows above and below in it from the image rows they reflect, so that the
+// lines just written are not read back. Images of 3 rows or more reflect rows of the half's own
+// parity only.
 template <typename T, class RowAt>
-void rowsIntoHalf(const T* first, std::uint64_t step, RowAt rowAt, T* even, T* odd, std::uint64_t stride,
-                  const SampleKernels<T>& k, int part, std::uint64_t height, std::uint64_t width) {
+void rowsIntoHalf(RowAt rowAt, std::uint64_t step, T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k,
+                  int part, std::uint64_t height, std::uint64_t width) {
+    const T* const first = rowAt(static_cast<std::uint64_t>(part));
     const std::uint64_t rows = part == 0 ? (height + 1) / 2 : height / 2;
     const ColumnStores stores = paddedStoresFor<T>(2 * stride * (width + 4) * sizeof(T));
     T* const halves[2] = {even, odd};
@@ -191,9 +193,8 @@ void rowsIntoHalf(const T* first, std::uint64_t step, RowAt rowAt, T* even, T* o
 template <typename T>
 auto fromRows(const T* rows, std::uint64_t rowSamples, std::uint64_t height, std::uint64_t width) {
     return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k, int part) {
-        rowsIntoHalf(
-            rows + static_cast<std::uint64_t>(part) * rowSamples, 2 * rowSamples,
-            [=](std::uint64_t r) { return rows + r * rowSamples; }, even, odd, stride, k, part, height, width);
+        rowsIntoHalf([=](std::uint64_t r) { return rows + r * rowSamples; }, 2 * rowSamples, even, odd, stride, k, part,
+                     height, width);
     };
 }
 
@@ -205,9 +206,8 @@ auto fromParityRows(ParityRows16 make, const void* context, T* scratch, std::uin
     return [=](T* even, T* odd, std::uint64_t stride, const SampleKernels<T>& k, int part) {
         T* const rows = scratch + (part == 0 ? 0 : (height + 1) / 2 * width);
         make(context, part, rows);
-        rowsIntoHalf(
-            rows, width, [=](std::uint64_t r) { return rows + r / 2 * width; }, even, odd, stride, k, part, height,
-            width);
+        rowsIntoHalf([=](std::uint64_t r) { return rows + r / 2 * width; }, width, even, odd, stride, k, part, height,
+                     width);
     };
 }
 
