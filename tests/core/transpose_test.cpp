@@ -189,68 +189,6 @@ TEST(Transpose, StreamingThresholdComesFromTheEnvironmentOrTheProcessor) {
             << (c.wideStaged ? ", wider samples staged" : "");
 }
 
-// Host arrays that columnStoresFor would stream, on either side of the threshold: 8-bit ones
-// stream the lines they can from the registers, 16-bit ones too unless wider samples stage above
-// the threshold, 32-bit ones stream above it, 64-bit ones stay in place unless wider samples stage
-// (with vectors narrower than 512 bits all of them stream).
-TEST(Transpose, StoresOfLargeArraysFollowTheirSampleSize) {
-    constexpr auto Cached = ColumnStores::Cached, Streamed = ColumnStores::Streamed, Lines = ColumnStores::Lines;
-    const struct {
-        std::uint64_t sampleBytes, width, height;
-        ColumnStores under, over, overStaged, narrow;  // over the threshold where wider samples stage
-    } cases[] = {{1, 5472, 3648, Lines, Lines, Lines, Streamed},
-                 {2, 5472, 3648, Lines, Lines, Streamed, Streamed},
-                 {4, 5472, 3648, Cached, Streamed, Streamed, Streamed},
-                 {8, 5472, 3648, Cached, Cached, Streamed, Streamed}};
-    const std::uint64_t before = setStreamingThreshold(~std::uint64_t{0});
-    const bool stagedBefore = wideSamplesStaged();
-    forEachVectorWidth([&](int bits) {
-        for (bool staged : {false, true})
-            for (std::uint64_t threshold : {~std::uint64_t{0}, std::uint64_t{0}}) {
-                setWideSamplesStaged(staged);
-                setStreamingThreshold(threshold);
-                for (const auto& c : cases)
-                    EXPECT_EQ(transposeStoresFor(c.sampleBytes * c.width * c.height, c.height, c.sampleBytes),
-                              bits < 512       ? c.narrow
-                              : threshold != 0 ? c.under
-                              : staged         ? c.overStaged
-                                               : c.over)
-                        << c.sampleBytes << "-byte samples, " << c.width << " x " << c.height << ", threshold "
-                        << threshold << (staged ? ", wider samples staged" : "") << ", " << bits << "-bit vectors";
-            }
-    });
-    setWideSamplesStaged(stagedBefore);
-    setStreamingThreshold(before);
-}
-
-// Arrays of fewer than 2048 rows stream above 1 MiB on Intel processors, above 4 MiB with vectors
-// narrower than 512 bits, else above 8 MiB; taller ones above 4 MiB wherever that is lower.
-TEST(Transpose, ShorterArraysStreamAboveTheProcessorsSize) {
-    constexpr auto Cached = ColumnStores::Cached, Streamed = ColumnStores::Streamed;
-    constexpr std::uint64_t MiB = std::uint64_t{1} << 20;
-    const struct {
-        std::uint64_t bytes, rows;
-        ColumnStores intel, narrow, wide;
-    } cases[] = {{640 * 480, 480, Cached, Cached, Cached},         {MiB, 1024, Cached, Cached, Cached},
-                 {MiB + 1, 1024, Streamed, Cached, Cached},        {1920 * 1080, 1080, Streamed, Cached, Cached},
-                 {4 * MiB, 1080, Streamed, Cached, Cached},        {3 * 1920 * 1080, 1080, Streamed, Streamed, Cached},
-                 {8 * MiB, 1080, Streamed, Streamed, Cached},      {8 * MiB + 1, 1080, Streamed, Streamed, Streamed},
-                 {4 * MiB + 1, 2048, Streamed, Streamed, Streamed}};
-    const bool intelBefore = wideSamplesStaged();
-    forEachVectorWidth([&](int bits) {
-        for (bool intel : {false, true}) {
-            setWideSamplesStaged(intel);
-            for (const auto& c : cases)
-                EXPECT_EQ(columnStoresFor(c.bytes, c.rows), intel        ? c.intel
-                                                            : bits < 512 ? c.narrow
-                                                                         : c.wide)
-                    << c.bytes << " bytes in columns of " << c.rows << (intel ? ", Intel" : "") << ", " << bits
-                    << "-bit vectors";
-        }
-    });
-    setWideSamplesStaged(intelBefore);
-}
-
 // Columns written down together collide where their stride leaves too few sets of the cache for
 // them: a 48 KiB 12-way cache and a 32 KiB 8-way one, both of 64 sets of 64-byte lines.
 TEST(Transpose, ColumnsCollideWhereTheirStrideCrowdsTheCacheSets) {
