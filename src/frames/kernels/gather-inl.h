@@ -390,11 +390,9 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
             for (; r0 < r1; r0 += step) {
                 if (ask && r0 + kAskAheadRows + step <= fullRows) {
                     const std::size_t from = s0 / 16 * block.blockBytes, to = s1 / 16 * block.blockBytes;
-                    for (std::size_t i = 0; i < step; ++i) {
-                        const std::uint8_t* row = rowAt(r0 + kAskAheadRows + i);
-                        for (std::size_t b = from; b < to; b += 64) __builtin_prefetch(row + b, 0, 2);
-                        __builtin_prefetch(row + to - 1, 0, 2);
-                    }
+                    askRows(rowAt(r0 + kAskAheadRows) + from,
+                            flipRows ? -static_cast<std::ptrdiff_t>(stride) : static_cast<std::ptrdiff_t>(stride), step,
+                            to - from - 1);
                 }
                 const Rows rows = rowsFrom(r0, step);
                 for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {

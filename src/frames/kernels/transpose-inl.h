@@ -160,8 +160,8 @@ constexpr std::size_t kAskRowsAbove = std::size_t{2} << 20;
 // loads arrive too late once every row is a line from memory.
 constexpr std::size_t kAskAheadRows = 64;
 
-// Asks for `count` rows, the first at `first` and each `step` bytes on from the one above: the
-// lines of bytes 0 and `last` of each (the ends of what a block reads of a row). The lines are
+// Asks for `count` rows, the first at `first` and each `step` bytes on from the one above: every
+// line of bytes 0 to `last` of each (what a block reads of a row). The lines are
 // asked into the second-level cache, not the first: asked into the first, the requests wait on
 // its few buffers for lines in flight, and the walks kept too few lines coming. Into the second,
 // 5472 x 3648 measured (four alternating runs, best ns a pixel) mono8 0.129 -> 0.080, float
@@ -171,7 +171,7 @@ constexpr std::size_t kAskAheadRows = 64;
 HWY_INLINE void askRows(const std::uint8_t* first, std::ptrdiff_t step, std::size_t count, std::size_t last) {
     for (std::size_t i = 0; i < count; ++i) {
         const std::uint8_t* at = first + static_cast<std::ptrdiff_t>(i) * step;
-        __builtin_prefetch(at, 0, 2);
+        for (std::size_t b = 0; b < last; b += 64) __builtin_prefetch(at + b, 0, 2);
         __builtin_prefetch(at + last, 0, 2);
     }
 }
