@@ -116,13 +116,13 @@ bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool r
     const std::uint8_t* end = frame.buffer + readable;
     const Kernels& k = kernels();
     const std::size_t packing = static_cast<std::size_t>(&facts - kPackings);
-    if (rowMajor && rowParity >= 0) {
-        const auto parity = static_cast<std::size_t>(rowParity & 1);
-        if (parity < h)
-            k.unpackRows[packing](out, frame.buffer + parity * rowBytes, end, 2 * rowBytes, first, w,
-                                  (h - parity + 1) / 2);
-    } else if (rowMajor) {
-        k.unpackRows[packing](out, frame.buffer, end, rowBytes, first, w, h);
+    if (rowMajor) {
+        // Every row, or every other one from the parity's first.
+        const std::size_t from = rowParity >= 0 ? static_cast<std::size_t>(rowParity & 1) : 0;
+        const std::size_t apart = rowParity >= 0 ? 2 : 1;
+        if (from < h)
+            k.unpackRows[packing](out, frame.buffer + from * rowBytes, end, apart * rowBytes, first, w,
+                                  (h - from + apart - 1) / apart);
     } else {
         // In place the unpack writes eight rows across the whole width, which the second-level
         // cache holds; strides that crowd 64 columns into too few sets of the first-level cache
