@@ -41,6 +41,23 @@ inline void transposeBlock(const std::uint8_t* const rows[16], std::size_t at, s
     }
 }
 
+// The byte columns of 16 rows, the first row at `at` and each `stride` bytes on from the one
+// above, over `vectors` vectors of each row: byte column j goes to stage + j * bandBytes.
+template <std::size_t bandBytes>
+HWY_INLINE void stageByteColumns(const std::uint8_t* at, std::size_t stride, std::size_t vectors, std::uint8_t* stage) {
+    const Bytes d;
+    const std::size_t lanes = hn::Lanes(d);
+    for (std::size_t k = 0; k < vectors; ++k) {
+        hn::VFromD<Bytes> v[16];
+        for (std::size_t i = 0; i < 16; ++i) v[i] = hn::LoadU(d, at + i * stride + k * lanes);
+        transposeVectors<1>(d, v);
+        for (std::size_t e = 0; e < 16; ++e)
+            forEachBlock(d, v[e], [&](std::size_t q, BlockVector piece) {
+                hn::Store(piece, Block(), stage + (k * lanes + 16 * q + e) * bandBytes);
+            });
+    }
+}
+
 // Layouts made of repeating groups of G bytes holding P pixels are stored straight from the
 // registers: every piece's group and byte within the group are known when the code is built, so
 // each store needs only the column its byte goes to (columnOf[r * P + j], the j-th pixel reading
@@ -319,29 +336,41 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
     constexpr bool joinLines = false;
 #endif
     if (columnStores == ColumnStores::Streamed && fullRows > 0 && !streamLines && !joinLines) {
-        // Three lines of each column: the three planes' staging (36 KiB) stays in the level-1
-        // cache. Four lines (48 KiB, its columns 256 bytes apart in a quarter of the cache's
-        // sets) measured 1.1 to 1.15 times slower once the band copies took eight rows at a
-        // time (3840 x 2160 BGRX32 0.59 -> 0.54 ns a pixel, RGB24 0.52 -> 0.44; 5000 x 3000
-        // 0.63 -> 0.54 and 0.54 -> 0.48), two and five lines slightly slower than three; before
-        // that, two and eight measured 1.2 to 2 times slower than four. The tiles read each band
-        // from a copy of a panel of 256 pixels of its rows, read in order: that measured 1.15 to
-        // 1.2 times faster at 8 and 20 MP than reading the rows in place, which no prefetcher
-        // follows, and than panels of 128 or 1024 pixels. Copying eight rows at a time, and
-        // joining each column's carried line in the registers, measured 1.2 times faster at
-        // 3840 x 2160 (BGRX32 0.72 -> 0.60 ns a pixel, RGB24 0.62 -> 0.51). RGB565 measured
-        // the same so; it, the packed unpack and the transposes keep the plain copy and carry:
-        // the same change to the code they inline measured up to 1.2 times slower for the
-        // transposes' in-place loops (mono double), which wait on memory and slow down when
-        // the compiler lays them out otherwise.
-        constexpr std::size_t bandBytes = 192, panel = 256;
+        // Three lines of each column. The tiles transpose the band's bytes as a monochrome image's,
+        // a staged column for each byte of the strip's pixels, and each plane's column then streams
+        // from the staged column of its sample's byte: stored straight to their staged columns, the
+        // pieces need no look-up of their plane and column. Strips of at most 128 bytes of pixels
+        // (at least a vector's block of pixels). Against the group kernels' stores into each
+        // plane's staging, 64 pixels at a time, on a 2-core AMD EPYC with 256-bit vectors (medians
+        // of 80 calls alternating with that library in one process, 3840 x 2160 and 5472 x 3648):
+        // packed 4:2:2 0.86 to 0.88 times the time, 4:1:1 0.70 to 0.71, RGB24 0.95 to 0.99, BGRX32
+        // 0.97 to 1.01, with a fifth to two fifths fewer instructions a pixel (4:2:2 3.8 -> 2.6,
+        // 4:1:1 4.1 -> 2.4, RGB24 3.7 -> 3.0, BGRX32 4.2 -> 3.3); strips of 64 pixels of four
+        // bytes, staged in 48 KiB, measured 1.05 to 1.12 times slower than 32. With each plane
+        // staged apart, four lines measured 1.1 to 1.15 times slower than three, two and five
+        // slightly slower. The tiles read each band from a copy of a panel of 256 pixels of its
+        // rows, read in order: that measured 1.15 to 1.2 times faster at 8 and 20 MP than reading
+        // the rows in place, which no prefetcher follows, and than panels of 128 or 1024 pixels.
+        // Copying eight rows at a time, and joining each column's carried line in the registers,
+        // measured 1.2 times faster at 3840 x 2160 (BGRX32 0.72 -> 0.60 ns a pixel, RGB24 0.62 ->
+        // 0.51). RGB565 measured the same so; it, the packed unpack and the transposes keep the
+        // plain copy and carry: the same change to the code they inline measured up to 1.2 times
+        // slower for the transposes' in-place loops (mono double), which wait on memory and slow
+        // down when the compiler lays them out otherwise.
+        constexpr std::size_t bandBytes = 192, panel = 256, stripBytes = 128;
+        const std::size_t lanes = hn::Lanes(Bytes());
+        const std::size_t strip =
+            std::max(std::min(stripPixels, stripBytes * 16 / block.blockBytes) / blockPixels, std::size_t{1}) *
+            blockPixels;
+        // Whole vectors of each strip's bytes, which may read past them.
+        const std::size_t staged = (strip / 16 * block.blockBytes + lanes - 1) / lanes * lanes;
         const auto step = static_cast<std::ptrdiff_t>(stride);
         for (std::size_t p0 = 0; p0 < fullWidth; p0 += panel) {
             const std::size_t p1 = std::min(p0 + panel, fullWidth);
             const std::size_t panelBytes = (p1 - p0) / 16 * block.blockBytes;
             BandCopy band{};
             streamBands<1, bandBytes, true>(
-                3, [&](std::size_t c, std::size_t x) { return planes[c] + x * height; }, fullRows, p0, p1, stripPixels,
+                3, [&](std::size_t c, std::size_t x) { return planes[c] + x * height; }, fullRows, p0, p1, strip,
                 [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
                     if (s0 == p0) {
                         // A band whose rows would be read past end is left to the plain loop.
@@ -352,19 +381,18 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                                    : BandCopy{};
                     }
                     if (band.at == nullptr) return;
-                    for (std::size_t r0 = b0; r0 < b1; r0 += 16) {
-                        Rows rows;
-                        rows.first = p0;
-                        for (std::size_t i = 0; i < 16; ++i) rows.at[i] = band.at + (r0 - b0 + i) * band.stride;
-                        rows.furthest = rows.at[15];
-                        rows.end = band.at + (b1 - b0) * band.stride;  // vectors may read past the panel
-                        for (std::size_t x0 = s0; x0 < s1; x0 += blockPixels) {
-                            std::uint8_t* const base[3] = {stage + (x0 - s0) * bandBytes + (r0 - b0),
-                                                           stage + (stripPixels + x0 - s0) * bandBytes + (r0 - b0),
-                                                           stage + (2 * stripPixels + x0 - s0) * bandBytes + (r0 - b0)};
-                            splitBlock(rows, x0, base, bandBytes);
-                        }
-                    }
+                    // The last vector of a strip may read past its row, into the next or the
+                    // copy's slack: its staged columns are never streamed.
+                    const std::uint8_t* const at = band.at + (s0 - p0) / 16 * block.blockBytes;
+                    const std::size_t tileVectors = ((s1 - s0) / 16 * block.blockBytes + lanes - 1) / lanes;
+                    for (std::size_t r0 = b0; r0 < b1; r0 += 16)
+                        stageByteColumns<bandBytes>(at + (r0 - b0) * band.stride, band.stride, tileVectors,
+                                                    stage + (r0 - b0));
+                    for (std::size_t g = s0 / 16; g < s1 / 16; ++g) bands[g] += (b1 - b0) / 16;
+                },
+                staged,
+                [&](std::size_t c, std::size_t x, std::size_t s0) {
+                    return (x - s0) / 16 * block.blockBytes + block.byteOf[c][x % 16];
                 });
         }
     } else {

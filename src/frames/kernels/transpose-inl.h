@@ -188,6 +188,7 @@ HWY_INLINE void askRows(const std::uint8_t* first, std::ptrdiff_t step, std::siz
 // rows of a tile, and the tiles then read the copy from the second-level cache. Row i of the
 // band (of `bytes` each) is read from first + i * step and lies at at + i * stride; the stride is
 // an odd number of lines, so that a tile's rows spread over every set of the first-level cache.
+// A vector may be read from anywhere in a row's stride: past the last row lie a line's bytes.
 struct BandCopy {
     const std::uint8_t* at;
     std::size_t stride;
@@ -205,7 +206,7 @@ template <std::size_t together = 1>
 inline BandCopy copyBand(const std::uint8_t* first, std::ptrdiff_t step, std::size_t rows, std::size_t bytes) {
     thread_local std::vector<std::uint8_t> memory;
     const std::size_t stride = ((bytes + 63) / 64 | 1) * 64;
-    if (memory.size() < rows * stride + 64) memory.resize(rows * stride + 64);
+    if (memory.size() < rows * stride + 128) memory.resize(rows * stride + 128);
     std::uint8_t* const at = memory.data() + (64 - reinterpret_cast<std::uintptr_t>(memory.data()) % 64) % 64;
     auto rowAt = [&](std::size_t i) { return first + static_cast<std::ptrdiff_t>(i) * step; };
     if constexpr (together > 1) {
@@ -315,18 +316,20 @@ inline void streamCopyKernel(std::uint8_t* to, const std::uint8_t* from, std::si
 
 // Streams the columns of `planes` planes, column x of plane p starting at columnAt(p, x), over
 // rows [0, rows) and columns [from, cols): for each band of bandBytes / sampleBytes rows (bands
-// outermost) and strip of `strip` columns, tile(b0, b1, s0, s1, stage) stages the tile, column x of plane p
-// at stage + (p * strip + x - s0) * bandBytes, each row sampleBytes on; then each column's part
-// of the band is streamed (joinCarried: see streamColumnPart).
-template <std::size_t sampleBytes, std::size_t bandBytes, bool joinCarried = false, class ColumnAt, class Tile>
+// outermost) and strip of `strip` columns, tile(b0, b1, s0, s1, stage) stages the tile in
+// `staged` columns of bandBytes, column x of plane p in staged column stagedColumn(p, x, s0),
+// each row sampleBytes on; then each column's part of the band is streamed (joinCarried: see
+// streamColumnPart).
+template <std::size_t sampleBytes, std::size_t bandBytes, bool joinCarried = false, class ColumnAt, class Tile,
+          class StagedColumn>
 void streamBands(std::size_t planes, ColumnAt columnAt, std::size_t rows, std::size_t from, std::size_t cols,
-                 std::size_t strip, const Tile& tile) {
+                 std::size_t strip, const Tile& tile, std::size_t staged, StagedColumn stagedColumn) {
     static_assert(bandBytes % 64 == 0, "bands of whole lines");
     constexpr std::size_t bandRows = bandBytes / sampleBytes;
     const std::size_t columns = cols - from;
     // Joining carried lines reads up to a line before a column's staging: a line of slack.
     constexpr std::size_t slack = joinCarried ? 64 : 0;
-    const Staging staging = stagingFor(slack + planes * strip * bandBytes, planes * columns);
+    const Staging staging = stagingFor(slack + staged * bandBytes, planes * columns);
     std::uint8_t* const stage = staging.stage + slack;
     for (std::size_t b0 = 0; b0 < rows; b0 += bandRows) {
         const std::size_t b1 = std::min(b0 + bandRows, rows);
@@ -336,11 +339,19 @@ void streamBands(std::size_t planes, ColumnAt columnAt, std::size_t rows, std::s
             for (std::size_t p = 0; p < planes; ++p)
                 for (std::size_t x = s0; x < s1; ++x)
                     streamColumnPart<joinCarried>(columnAt(p, x), b0 * sampleBytes, b1 * sampleBytes,
-                                                  stage + (p * strip + x - s0) * bandBytes, b0 == 0, b1 == rows,
+                                                  stage + stagedColumn(p, x, s0) * bandBytes, b0 == 0, b1 == rows,
                                                   staging.carry + 64 * (p * columns + x - from));
         }
     }
     hwy::FlushStream();
+}
+// The same with the planes' columns staged in order: column x of plane p at p * strip + x - s0.
+template <std::size_t sampleBytes, std::size_t bandBytes, bool joinCarried = false, class ColumnAt, class Tile>
+void streamBands(std::size_t planes, ColumnAt columnAt, std::size_t rows, std::size_t from, std::size_t cols,
+                 std::size_t strip, const Tile& tile) {
+    streamBands<sampleBytes, bandBytes, joinCarried>(
+        planes, columnAt, rows, from, cols, strip, tile, planes * strip,
+        [strip](std::size_t p, std::size_t x, std::size_t s0) { return p * strip + x - s0; });
 }
 
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
