@@ -438,6 +438,25 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             streamBands<N, bandBytes, kNarrowVectors>(
                 1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, p0, p1, stripColumns,
                 [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                    if constexpr (N == 1) {
+                        // Byte samples read their tiles in place, each block of rows asking for the
+                        // strip's line of the rows kAskAheadRows below. Against the band copy, on a
+                        // 2-core AMD EPYC with 256-bit vectors (medians of 100 calls alternating with
+                        // the copy in one process, three sittings): 3840 x 2160 0.73 to 0.90 times
+                        // the time, 5472 x 3648 0.77 to 0.99, 1024 x 1024 0.87 to 0.90; planar
+                        // RGB8 0.83, the 4:2:0 planes 0.81 to 0.93. Wider samples measured 0.87 to
+                        // 1.18 times so, and keep the copy.
+                        for (std::size_t r0 = b0; r0 < b1; r0 += V) {
+                            if (r0 + kAskAheadRows + V <= rows)
+                                askRows(rowAt(r0 + kAskAheadRows) + s0, flip ? -step : step, V, s1 - s0 - 1);
+                            for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                                storeBlock(rowAt(r0) + c0, flip ? -step : step, c0,
+                                           [&](std::size_t c, BlockVector piece) {
+                                               hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0));
+                                           });
+                        }
+                        return;
+                    }
                     if (s0 == p0)
                         band = copyBand<kBandRowsTogether>(rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0,
                                                            (p1 - p0) * N);
