@@ -16,44 +16,10 @@
 #include "lumoframekit/lumoframekit.h"
 
 using namespace lumoframekit;
-using frametypes::FRAMETYPE;
+using lumobench::Family;
+using lumobench::LadderSize;
 
 namespace {
-
-struct Family {
-    const char* name;
-    FRAMETYPE code;
-    int outBytesPerPixel;
-};
-
-// clang-format off
-constexpr Family kFamilies[] = {
-    {"mono8",                frametypes::MONO8_TOPDOWN,           1},
-    {"mono8 bottom-up",      frametypes::MONO8_BOTTOMUP,          1},
-    {"mono16 BE bottom-up",  frametypes::MONO16_BE_BOTTOMUP,      2},
-    {"mono float",           frametypes::MONO_FLOAT_LE_TOPDOWN,   4},
-    {"mono double",          frametypes::MONO_DOUBLE_LE_TOPDOWN,  8},
-    {"packed 12-bit",        frametypes::MONO12_PACKED,           2},
-    {"packed 10-bit 4in5",   frametypes::MONO10_PACKED_LSB,       2},
-    {"RGB24",                frametypes::RGB24,                   3},
-    {"RGB48 LE",             frametypes::RGB48_LE,                6},
-    {"BGRX32",               frametypes::BGRX32,                  3},
-    {"RGB565",               frametypes::RGB565,                  3},
-    {"planar RGB8",          frametypes::PLANAR_RGB8,             3},
-    {"YUV 4:2:2 packed",     frametypes::YUV422_UYVY,             3},
-    {"YUV 4:2:0 planar",     frametypes::YUV420_PLANAR_YUV,       3},
-    {"YUV 4:2:0 semi-planar", frametypes::YUV420_SEMI_PLANAR,     3},
-    {"Bayer 8-bit",          frametypes::BAYER8_RGGB,             3},
-    {"Bayer 12-bit",         frametypes::BAYER12_RGGB,            6},
-    {"Bayer 12-bit packed",  frametypes::BAYER12_PACKED_RGGB,     6},
-};
-// clang-format on
-
-struct Size {
-    std::string name;
-    int width, height;
-};
-const Size kLadder[] = {{"1080p", 1920, 1080}, {"8 MP", 3840, 2160}, {"20 MP", 5472, 3648}};
 
 // The best of `repeats` timed runs of each call, each run of enough calls to last about 50 ms, in
 // ns per call. The runs of the calls alternate, so that both meet the same state of a shared
@@ -86,7 +52,7 @@ struct Result {
     double nsPerPixel, memcpyNsPerPixel;
 };
 
-Result measure(const Family& family, const Size& size, int repeats) {
+Result measure(const Family& family, const LadderSize& size, int repeats) {
     IFrame* frame = frameFactory(family.code, size.width, size.height);
     const std::size_t pixels = static_cast<std::size_t>(size.width) * size.height;
     const std::size_t outBytes = pixels * static_cast<std::size_t>(family.outBytesPerPixel);
@@ -110,7 +76,7 @@ int main(int argc, char** argv) {
     bool csv = false;
     int repeats = 5;
     std::string only;
-    std::vector<Size> sizes;
+    std::vector<LadderSize> sizes;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--csv")
@@ -118,22 +84,17 @@ int main(int argc, char** argv) {
         else if (arg == "--repeats" && i + 1 < argc)
             repeats = std::max(1, std::atoi(argv[++i]));
         else if (arg == "--size" && i + 1 < argc) {
-            int w = 0, h = 0;
-            if (std::sscanf(argv[++i], "%dx%d", &w, &h) != 2 || w <= 0 || h <= 0) {
-                std::fprintf(stderr, "--size takes WIDTHxHEIGHT, not %s\n", argv[i]);
-                return 2;
-            }
-            sizes.push_back({argv[i], w, h});
+            if (!lumobench::parseSize(argv[++i], sizes)) return 2;
         } else
             only = arg;
     }
     const bool ladder = sizes.empty();
-    if (ladder) sizes.assign(std::begin(kLadder), std::end(kLadder));
+    if (ladder) sizes.assign(std::begin(lumobench::kLadder), std::end(lumobench::kLadder));
     if (csv)
         std::printf("family,size,ns_per_pixel,memcpy_ns_per_pixel,ratio_to_memcpy\n");
     else
         std::printf("%-22s %-6s %10s %10s %8s\n", "family", "size", "ns/pixel", "memcpy", "ratio");
-    for (const Family& family : kFamilies) {
+    for (const Family& family : lumobench::kFamilies) {
         if (!only.empty() && std::string(family.name).find(only) == std::string::npos) continue;
         std::vector<double> perPixel(sizes.size());
         for (std::size_t s = 0; s < sizes.size(); ++s) {
