@@ -442,7 +442,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                         // Byte samples read their tiles in place, each block of rows asking for the
                         // strip's line of the rows kAskAheadRows below. Against the band copy, on a
                         // 2-core AMD EPYC with 256-bit vectors (medians of 100 calls alternating with
-                        // the copy in one process, three sittings): 3840 x 2160 0.73 to 0.90 times
+                        // the copy in one process, three runs): 3840 x 2160 0.73 to 0.90 times
                         // the time, 5472 x 3648 0.77 to 0.99, 1024 x 1024 0.87 to 0.90; planar
                         // RGB8 0.83, the 4:2:0 planes 0.81 to 0.93. Wider samples measured 0.87 to
                         // 1.18 times so, and keep the copy.
