@@ -27,35 +27,43 @@ namespace HWY_NAMESPACE {
 // Strips of at least 64 pixels are walked down the whole image, so the columns' cache lines fill
 // while they are still cached; large images go out in bands of whole lines instead.
 
-// The transposed block is kept as [vector][element][block]: the 16-byte blocks of a row that one
-// vector holds stay apart through the transpose.
-inline void transposeBlock(const std::uint8_t* const rows[16], std::size_t at, std::size_t vectors,
-                           std::uint8_t* block) {
+// The bytes of 16 rows over `vectors` vectors of each row, transposed as a monochrome image's:
+// row(i) is row i's first byte, and store(k, e, v) takes the transposed vector e of vector k,
+// which holds byte e of each of its 16-byte blocks down the 16 rows.
+template <class RowAt, class Store>
+HWY_INLINE void transposeByteRows(RowAt row, std::size_t vectors, Store store) {
     const Bytes d;
     const std::size_t lanes = hn::Lanes(d);
     for (std::size_t k = 0; k < vectors; ++k) {
         hn::VFromD<Bytes> v[16];
-        for (std::size_t i = 0; i < 16; ++i) v[i] = hn::LoadU(d, rows[i] + at + lanes * k);
+        for (std::size_t i = 0; i < 16; ++i) v[i] = hn::LoadU(d, row(i) + k * lanes);
         transposeVectors<1>(d, v);
-        for (std::size_t e = 0; e < 16; ++e) hn::Store(v[e], d, block + (16 * k + e) * lanes);
+        for (std::size_t e = 0; e < 16; ++e) store(k, e, v[e]);
     }
+}
+
+// The transposed block is kept as [vector][element][block]: the 16-byte blocks of a row that one
+// vector holds stay apart through the transpose.
+inline void transposeBlock(const std::uint8_t* const rows[16], std::size_t at, std::size_t vectors,
+                           std::uint8_t* block) {
+    const std::size_t lanes = hn::Lanes(Bytes());
+    transposeByteRows([&](std::size_t i) { return rows[i] + at; }, vectors,
+                      [&](std::size_t k, std::size_t e, hn::VFromD<Bytes> v) {
+                          hn::Store(v, Bytes(), block + (16 * k + e) * lanes);
+                      });
 }
 
 // The byte columns of 16 rows, the first row at `at` and each `stride` bytes on from the one
 // above, over `vectors` vectors of each row: byte column j goes to stage + j * bandBytes.
 template <std::size_t bandBytes>
 HWY_INLINE void stageByteColumns(const std::uint8_t* at, std::size_t stride, std::size_t vectors, std::uint8_t* stage) {
-    const Bytes d;
-    const std::size_t lanes = hn::Lanes(d);
-    for (std::size_t k = 0; k < vectors; ++k) {
-        hn::VFromD<Bytes> v[16];
-        for (std::size_t i = 0; i < 16; ++i) v[i] = hn::LoadU(d, at + i * stride + k * lanes);
-        transposeVectors<1>(d, v);
-        for (std::size_t e = 0; e < 16; ++e)
-            forEachBlock(d, v[e], [&](std::size_t q, BlockVector piece) {
-                hn::Store(piece, Block(), stage + (k * lanes + 16 * q + e) * bandBytes);
-            });
-    }
+    const std::size_t lanes = hn::Lanes(Bytes());
+    transposeByteRows([&](std::size_t i) { return at + i * stride; }, vectors,
+                      [&](std::size_t k, std::size_t e, hn::VFromD<Bytes> v) {
+                          forEachBlock(Bytes(), v, [&](std::size_t q, BlockVector piece) {
+                              hn::Store(piece, Block(), stage + (k * lanes + 16 * q + e) * bandBytes);
+                          });
+                      });
 }
 
 // Layouts made of repeating groups of G bytes holding P pixels are stored straight from the

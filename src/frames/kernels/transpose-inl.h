@@ -426,6 +426,14 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     };
     const auto step = static_cast<std::ptrdiff_t>(srcRowBytes);
     auto rowAt = [&](std::size_t r) { return src + (flip ? rows - 1 - r : r) * srcRowBytes; };
+    // The pieces of V rows from r0 of columns [s0, s1), read in place: store(c, piece) for the
+    // piece of each column c. With `ask`, the rows kAskAheadRows below are asked for first.
+    auto pieceRows = [&](std::size_t r0, std::size_t s0, std::size_t s1, bool ask, auto store) LUMO_ALWAYS_INLINE {
+        if (ask && r0 + kAskAheadRows + V <= rows)
+            askRows(rowAt(r0 + kAskAheadRows) + s0 * N, flip ? -step : step, V, (s1 - s0) * N - 1);
+        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+            storeBlock(rowAt(r0) + c0 * N, flip ? -step : step, c0, store);
+    };
     if (stores == ColumnStores::Streamed) {
         // Four lines of each column, 16 for samples of four bytes or more, whose strips are
         // narrower (16 or 8 columns). Panels of columns narrow enough that a band's copy of
@@ -446,15 +454,10 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                         // the time, 5472 x 3648 0.77 to 0.99, 1024 x 1024 0.87 to 0.90; planar
                         // RGB8 0.83, the 4:2:0 planes 0.81 to 0.93. Wider samples measured 0.87 to
                         // 1.18 times so, and keep the copy.
-                        for (std::size_t r0 = b0; r0 < b1; r0 += V) {
-                            if (r0 + kAskAheadRows + V <= rows)
-                                askRows(rowAt(r0 + kAskAheadRows) + s0, flip ? -step : step, V, s1 - s0 - 1);
-                            for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
-                                storeBlock(rowAt(r0) + c0, flip ? -step : step, c0,
-                                           [&](std::size_t c, BlockVector piece) {
-                                               hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0));
-                                           });
-                        }
+                        for (std::size_t r0 = b0; r0 < b1; r0 += V)
+                            pieceRows(r0, s0, s1, true, [&](std::size_t c, BlockVector piece) {
+                                hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0));
+                            });
                         return;
                     }
                     if (s0 == p0)
@@ -503,19 +506,16 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             store(c0 + j, columnAt(c0 + j) + r0 * N, v);
         });
     };
-    // The pieces of V rows from r0 of columns [s0, s1). Samples of two bytes or more, stored in
-    // pieces, ask for the rows kAskAheadRows below theirs as the column vectors do: 1080p float
-    // 0.47 -> 0.20 ns a pixel, 8 MP 0.64 -> 0.54; asked into the second-level cache, 1080p double
-    // 0.89 -> 0.63, 20 MP 0.91 -> 0.73, and the 16-bit chroma pairs of 20 MP 4:2:0 semi-planar
-    // 0.28 -> 0.21 (four alternating runs each). The size is computed here, not read from
-    // sourceBytes: that moved the registers of the other sample sizes' loops.
-    auto pieceRows = [&](std::size_t r0, std::size_t s0, std::size_t s1) LUMO_ALWAYS_INLINE {
-        if constexpr (N > 1)
-            if (rows * srcRowBytes > kAskRowsAbove && r0 + kAskAheadRows + V <= rows)
-                askRows(rowAt(r0 + kAskAheadRows) + s0 * N, flip ? -step : step, V, (s1 - s0) * N - 1);
-        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
-            storeBlock(rowAt(r0) + c0 * N, flip ? -step : step, c0,
-                       [&](std::size_t c, BlockVector piece) { hn::StoreU(piece, Block(), columnAt(c) + r0 * N); });
+    // In place, samples of two bytes or more ask for the rows kAskAheadRows below theirs as the
+    // column vectors do: 1080p float 0.47 -> 0.20 ns a pixel, 8 MP 0.64 -> 0.54; asked into the
+    // second-level cache, 1080p double 0.89 -> 0.63, 20 MP 0.91 -> 0.73, and the 16-bit chroma
+    // pairs of 20 MP 4:2:0 semi-planar 0.28 -> 0.21 (four alternating runs each). The size is
+    // computed here, not read from sourceBytes: that moved the registers of the other sample
+    // sizes' loops.
+    const bool askPieces = N > 1 && rows * srcRowBytes > kAskRowsAbove;
+    auto inPlace = [&](std::size_t r0, std::size_t s0, std::size_t s1) LUMO_ALWAYS_INLINE {
+        pieceRows(r0, s0, s1, askPieces,
+                  [&](std::size_t c, BlockVector piece) { hn::StoreU(piece, Block(), columnAt(c) + r0 * N); });
     };
     // With `Lines`, a strip whose columns all start at the same offset from a line (a multiple of
     // 16 bytes) begins its blocks at the row that puts them on whole lines and streams them
@@ -550,18 +550,18 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                         });
                     for (std::size_t c = s0; c < s1; ++c)
                         finishLines(columnAt(c) + (lines - vectorRows) * N, above[c - s0]);
-                    for (std::size_t r0 = lines; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
+                    for (std::size_t r0 = lines; r0 < fullRows; r0 += V) inPlace(r0, s0, s1);
                     continue;
                 }
             }
 #endif
             if constexpr (N > 1) {
-                for (std::size_t r0 = 0; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
+                for (std::size_t r0 = 0; r0 < fullRows; r0 += V) inPlace(r0, s0, s1);
                 continue;
             }
             const std::size_t first = together ? (64 - offset) % 64 : 0;
             const std::size_t lines = first < rows ? first + (rows - first) / vectorRows * vectorRows : first;
-            for (std::size_t r0 = 0; r0 < std::min(first, fullRows); r0 += V) pieceRows(r0, s0, s1);
+            for (std::size_t r0 = 0; r0 < std::min(first, fullRows); r0 += V) inPlace(r0, s0, s1);
             for (std::size_t r0 = first; r0 < lines; r0 += vectorRows)
                 for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns) {
                     if (together)
@@ -571,7 +571,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                         columnVectors(r0, c0,
                                       [&](std::size_t, std::uint8_t* at, hn::VFromD<D> v) { hn::StoreU(v, d, at); });
                 }
-            for (std::size_t r0 = lines; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
+            for (std::size_t r0 = lines; r0 < fullRows; r0 += V) inPlace(r0, s0, s1);
         }
         hwy::FlushStream();
         return fullCols;
@@ -581,7 +581,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         for (std::size_t r0 = 0; r0 < lineRows; r0 += vectorRows)
             for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
                 columnVectors(r0, c0, [&](std::size_t, std::uint8_t* at, hn::VFromD<D> v) { hn::StoreU(v, d, at); });
-        for (std::size_t r0 = lineRows; r0 < fullRows; r0 += V) pieceRows(r0, s0, s1);
+        for (std::size_t r0 = lineRows; r0 < fullRows; r0 += V) inPlace(r0, s0, s1);
     }
     return fullCols;
 }
