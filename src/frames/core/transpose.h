@@ -58,11 +58,16 @@ inline ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) {
 // each line half written while the strip's other columns are stored (256-bit 20 MP mono8
 // 0.42 -> 0.18 ns a pixel, mono16 0.69 -> 0.38, planar RGB8 1.21 -> 0.64, RGB48 3.0 -> 1.2), and
 // the 32- and 64-bit in-place loops take twice the instructions or more for each line they wait
-// on (8 MP float 1.07 -> 0.58, 20 MP double 1.56 -> 1.21; 128-bit 8 MP float 1.54 -> 0.72). A
-// transpose writes a strip of columns one source line (64 bytes) wide down the image at once, so
-// columns of `sampleBytes` samples that collide in the cache (unlessColumnsCollide) stream at any
-// size. The pixel split, the packed unpack, the RGB16 words, the YUV chroma and the demosaic's
-// merges, which measured faster streamed, keep columnStoresFor.
+// on (8 MP float 1.07 -> 0.58, 20 MP double 1.56 -> 1.21; 128-bit 8 MP float 1.54 -> 0.72).
+// Below 512 bits, 16-bit arrays go through staging above 2.5 MiB: in place their columns take
+// 16-byte pieces, a quarter of a line each, and on a 2-core AMD EPYC with 256-bit vectors
+// (medians of 100 calls alternating with the 4 MiB limit in one process) 1440 x 1080 mono16 took
+// 0.54 times the time, 1600 x 1200 0.62 and 1920 x 1080 0.61, RGB48 at 800 x 600 0.64, where
+// 1280 x 960 streamed above 2 MiB had taken 1.12. A transpose writes a strip of columns one
+// source line (64 bytes) wide down the image at once, so columns of `sampleBytes` samples that
+// collide in the cache (unlessColumnsCollide) stream at any size. The pixel split, the packed
+// unpack, the RGB16 words, the YUV chroma and the demosaic's merges, which measured faster
+// streamed, keep columnStoresFor.
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes);
 
 // Whether `columns` columns of a host array, columnBytes apart and written down the image a
