@@ -119,9 +119,8 @@ ColumnStores unlessColumnsCollide(ColumnStores stores, std::uint64_t columnBytes
 
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes) {
     ColumnStores stores = ColumnStores::Cached;
-    const bool quarterLines =
-        kernels().vectorBits < 512 && (sampleBytes == 2 || sampleBytes == 4) && bytes > (std::uint64_t{5} << 19);
-    if (quarterLines || columnStoresFor(bytes, rows) == ColumnStores::Streamed) {
+    const bool narrowWords = kernels().vectorBits < 512 && sampleBytes == 2 && bytes > (std::uint64_t{5} << 19);
+    if (narrowWords || columnStoresFor(bytes, rows) == ColumnStores::Streamed) {
         if (kernels().vectorBits < 512)
             stores = ColumnStores::Streamed;
         else if (sampleBytes == 1)

@@ -59,18 +59,15 @@ inline ColumnStores columnStoresFor(std::uint64_t bytes, std::uint64_t rows) {
 // 0.42 -> 0.18 ns a pixel, mono16 0.69 -> 0.38, planar RGB8 1.21 -> 0.64, RGB48 3.0 -> 1.2), and
 // the 32- and 64-bit in-place loops take twice the instructions or more for each line they wait
 // on (8 MP float 1.07 -> 0.58, 20 MP double 1.56 -> 1.21; 128-bit 8 MP float 1.54 -> 0.72).
-// Below 512 bits, 16- and 32-bit arrays go through staging above 2.5 MiB: in place their
-// columns take 16-byte pieces, a quarter of a line each, and on a 2-core AMD EPYC with 256-bit
-// vectors (medians of 100 calls alternating with the 4 MiB limit in one process) 1440 x 1080
-// mono16 took 0.54 times the time, 1600 x 1200 0.62 and 1920 x 1080 0.61, RGB48 at 800 x 600
-// 0.64, where 1280 x 960 streamed above 2 MiB had taken 1.12; float (six runs of 120 calls)
-// 1024 x 768 0.60 to 0.69, 1280 x 720 0.59 to 1.00, 1200 x 800 0.68 to 0.86, 960 x 720 0.68 to
-// 1.61 (median 1.00). 64-bit arrays, measured slower so (800 x 600 1.10 and 1.17, 720 x 540 1.25
-// and 1.31), stay in place up to 4 MiB. A transpose writes a strip of columns one
+// Below 512 bits, 16-bit arrays go through staging above 2.5 MiB: in place their columns take
+// 16-byte pieces, a quarter of a line each, and on a 2-core AMD EPYC with 256-bit vectors
+// (medians of 100 calls alternating with the 4 MiB limit in one process) 1440 x 1080 mono16 took
+// 0.54 times the time, 1600 x 1200 0.62 and 1920 x 1080 0.61, RGB48 at 800 x 600 0.64, where
+// 1280 x 960 streamed above 2 MiB had taken 1.12. A transpose writes a strip of columns one
 // source line (64 bytes) wide down the image at once, so columns of `sampleBytes` samples that
-// collide in the cache (unlessColumnsCollide) stream at any size. The pixel split, the RGB16
-// words, the YUV chroma and the demosaic's merges, which measured faster streamed, keep
-// columnStoresFor; the packed unpack streams above 3.5 MiB below 512 bits.
+// collide in the cache (unlessColumnsCollide) stream at any size. The pixel split, the packed
+// unpack, the RGB16 words, the YUV chroma and the demosaic's merges, which measured faster
+// streamed, keep columnStoresFor.
 ColumnStores transposeStoresFor(std::uint64_t bytes, std::uint64_t rows, std::uint64_t sampleBytes);
 
 // Whether `columns` columns of a host array, columnBytes apart and written down the image a

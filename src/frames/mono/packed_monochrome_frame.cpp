@@ -126,17 +126,9 @@ bool unpackPacked(const PackedMonochromeFrame& frame, std::uint16_t* out, bool r
     } else {
         // In place the unpack writes eight rows across the whole width, which the second-level
         // cache holds; strides that crowd 64 columns into too few sets of the first-level cache
-        // (512, 1024 or 1536 rows) measured 4 to 10 times slower in place than streamed. Each
-        // column takes a 16-byte piece at a time, a quarter of a line below 512 bits, and there
-        // arrays above 3.5 MiB stream: on a 2-core AMD EPYC with 256-bit vectors, against the
-        // 4 MiB limit (medians of 150 calls alternating in one process, six runs) 1920 x 1080
-        // took 0.67 to 0.80 times the time (12-bit) and 0.74 to 0.83 (10-bit), 1600 x 1200 0.72
-        // to 0.85 and 0.75 to 0.97, where streamed above 2.5 MiB 1440 x 1080 10-bit had taken
-        // 0.85 to 1.25 and 1280 x 1080 1.10 to 1.30.
-        const ColumnStores stores = k.vectorBits < 512 && 2 * w * h > (std::uint64_t{7} << 19)
-                                        ? ColumnStores::Streamed
-                                        : columnStoresFor(2 * w * h, h);
-        k.unpack[packing](out, frame.buffer, end, rowBytes, first, w, h, unlessColumnsCollide(stores, 2 * h, 64));
+        // (512, 1024 or 1536 rows) measured 4 to 10 times slower in place than streamed.
+        k.unpack[packing](out, frame.buffer, end, rowBytes, first, w, h,
+                          unlessColumnsCollide(columnStoresFor(2 * w * h, h), 2 * h, 64));
     }
     return true;
 }
