@@ -587,7 +587,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
 }
 
 // Memory of the calling thread for the blocks of an image's last rows, 16 bytes a column: apart
-// from the staging, which the RGB16 words hold while they transpose a band.
+// from the staging, which the 32-bit RGB words hold while they transpose a band of rows.
 inline std::uint8_t* lastRowsStaging(std::size_t bytes) {
     thread_local std::vector<std::uint8_t> memory;
     if (memory.size() < bytes) memory.resize(bytes);
