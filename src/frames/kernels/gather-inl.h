@@ -477,9 +477,10 @@ inline void splitInterleavedKernel(const std::uint8_t* src, std::size_t stride, 
                     std::memcpy(planes[c] + x * height + fullRows, base[c] + (x - x0) * 16 + skip, height - fullRows);
         }
     }
+    // A column whose bands stop short of the last whole block is written again from row 0.
     for (std::size_t x = 0; x < width; ++x) {
         const std::size_t covered = bands[x / 16] * 16;
-        const std::size_t y0 = fullRows == 0 ? 0 : covered > fullRows ? height : covered == fullRows ? fullRows : 0;
+        const std::size_t y0 = covered < fullRows ? 0 : std::min(covered, height);
         for (std::size_t y = y0; y < height; ++y) {
             const std::uint8_t* group = rowAt(y) + x / 16 * block.blockBytes;
             for (int c = 0; c < 3; ++c) planes[c][x * height + y] = group[block.byteOf[c][x % 16]];
