@@ -159,6 +159,8 @@ constexpr std::size_t kAskRowsAbove = std::size_t{2} << 20;
 // How far below the block they read such walks ask: a block's own rows asked for just before its
 // loads arrive too late once every row is a line from memory.
 constexpr std::size_t kAskAheadRows = 64;
+// The bytes of 4 KiB pages a second-level TLB of 2048 entries (Zen 3's) holds at once.
+constexpr std::size_t kTlbReachBytes = std::size_t{8} << 20;
 
 // Asks for `count` rows, the first at `first` and each `step` bytes on from the one above: every
 // line of bytes 0 to `last` of each (what a block reads of a row). The lines are
@@ -435,43 +437,60 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
             storeBlock(rowAt(r0) + c0 * N, flip ? -step : step, c0, store);
     };
     if (stores == ColumnStores::Streamed) {
-        // Four lines of each column, 16 for samples of four bytes or more, whose strips are
-        // narrower (16 or 8 columns). Panels of columns narrow enough that a band's copy of
-        // them stays in the second-level cache.
-        constexpr std::size_t bandBytes = N <= 2 ? 256 : 1024;
-        constexpr std::size_t panelColumns = std::max<std::size_t>(2048 / N / blockColumns, 1) * blockColumns;
-        for (std::size_t p0 = from; p0 < fullCols; p0 += panelColumns) {
-            const std::size_t p1 = std::min(p0 + panelColumns, fullCols);
-            BandCopy band{};
-            streamBands<N, bandBytes, kNarrowVectors>(
-                1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, p0, p1, stripColumns,
-                [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
-                    if constexpr (N == 1) {
-                        // Byte samples read their tiles in place, each block of rows asking for the
-                        // strip's line of the rows kAskAheadRows below. Against the band copy, on a
-                        // 2-core AMD EPYC with 256-bit vectors (medians of 100 calls alternating with
-                        // the copy in one process, three runs): 3840 x 2160 0.73 to 0.90 times
-                        // the time, 5472 x 3648 0.77 to 0.99, 1024 x 1024 0.87 to 0.90; planar
-                        // RGB8 0.83, the 4:2:0 planes 0.81 to 0.93. Wider samples measured 0.87 to
-                        // 1.18 times so, and keep the copy.
+        // Bands of bandBytes of each column, in strips of `strip` columns. Panels of columns
+        // narrow enough that a band's copy of them stays in the second-level cache.
+        auto streamPanels = [&]<std::size_t bandBytes, std::size_t strip>() {
+            constexpr std::size_t panelColumns = std::max<std::size_t>(2048 / N / blockColumns, 1) * blockColumns;
+            for (std::size_t p0 = from; p0 < fullCols; p0 += panelColumns) {
+                const std::size_t p1 = std::min(p0 + panelColumns, fullCols);
+                BandCopy band{};
+                streamBands<N, bandBytes, kNarrowVectors>(
+                    1, [&](std::size_t, std::size_t c) { return columnAt(c); }, fullRows, p0, p1, strip,
+                    [&](std::size_t b0, std::size_t b1, std::size_t s0, std::size_t s1, std::uint8_t* stage) {
+                        if constexpr (N == 1) {
+                            // Byte samples read their tiles in place, each block of rows asking for the
+                            // strip's line of the rows kAskAheadRows below. Against the band copy, on a
+                            // 2-core AMD EPYC with 256-bit vectors (medians of 100 calls alternating with
+                            // the copy in one process, three runs): 3840 x 2160 0.73 to 0.90 times
+                            // the time, 5472 x 3648 0.77 to 0.99, 1024 x 1024 0.87 to 0.90; planar
+                            // RGB8 0.83, the 4:2:0 planes 0.81 to 0.93. Wider samples measured 0.87 to
+                            // 1.18 times so, and keep the copy.
+                            for (std::size_t r0 = b0; r0 < b1; r0 += V)
+                                pieceRows(r0, s0, s1, true, [&](std::size_t c, BlockVector piece) {
+                                    hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0));
+                                });
+                            return;
+                        }
+                        if (s0 == p0)
+                            band = copyBand<kBandRowsTogether>(rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0,
+                                                               (p1 - p0) * N);
                         for (std::size_t r0 = b0; r0 < b1; r0 += V)
-                            pieceRows(r0, s0, s1, true, [&](std::size_t c, BlockVector piece) {
-                                hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0));
-                            });
-                        return;
-                    }
-                    if (s0 == p0)
-                        band = copyBand<kBandRowsTogether>(rowAt(b0) + p0 * N, flip ? -step : step, b1 - b0,
-                                                           (p1 - p0) * N);
-                    for (std::size_t r0 = b0; r0 < b1; r0 += V)
-                        for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
-                            storeBlock(band.at + (r0 - b0) * band.stride + (c0 - p0) * N,
-                                       static_cast<std::ptrdiff_t>(band.stride), c0,
-                                       [&](std::size_t c, BlockVector piece) {
-                                           hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
-                                       });
-                });
+                            for (std::size_t c0 = s0; c0 < s1; c0 += blockColumns)
+                                storeBlock(band.at + (r0 - b0) * band.stride + (c0 - p0) * N,
+                                           static_cast<std::ptrdiff_t>(band.stride), c0,
+                                           [&](std::size_t c, BlockVector piece) {
+                                               hn::Store(piece, Block(), stage + (c - s0) * bandBytes + (r0 - b0) * N);
+                                           });
+                    });
+            }
+        };
+        // Each band stores to every page of the array. Byte arrays larger than a second-level TLB
+        // of 2048 pages of 4 KiB reaches take bands of eight lines, in strips of one vector's
+        // columns (a staged tile of 16 KiB with 256-bit vectors), and so visit each page half as
+        // often: on a 2-core AMD EPYC with 256-bit vectors (medians of 40 to 60 calls alternating
+        // in one process) 5472 x 3648 planar RGB8 took 0.84 to 0.86 times the time in three runs
+        // of two sittings (1.206 -> 1.010 ns a pixel); mono8 0.86 in one sitting (0.340 -> 0.294)
+        // and the same time in the other. At 3840 x 2160, whose arrays stay within that reach,
+        // they measured 1.0 to 1.07 times slower (mono8 0.156 -> 0.167). Four lines of each
+        // column otherwise, 16 for samples of four bytes or more, whose strips are narrower (16
+        // or 8 columns).
+        if constexpr (N == 1) {
+            if (rows * cols > kTlbReachBytes) {
+                streamPanels.template operator()<512, blockColumns>();
+                return fullCols;
+            }
         }
+        streamPanels.template operator()<N <= 2 ? 256 : 1024, stripColumns>();
         return fullCols;
     }
     // Read in place from a source over kAskRowsAbove, the column vectors ask for the rows of the
