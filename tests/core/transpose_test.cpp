@@ -75,7 +75,7 @@ void check(int vectorBits) {
                         const auto untouched = [](auto first, auto last) {
                             return std::all_of(first, last, [](std::uint8_t b) { return b == 0xEE; });
                         };
-                        // The first differing byte: a whole array's difference is too long to print.
+                        // The first differing byte: a failing comparison prints only the arrays' first elements.
                         EXPECT_TRUE(got == want)
                             << "first difference at byte "
                             << std::mismatch(got.begin(), got.end(), want.begin()).first - got.begin() << ", " << N

@@ -474,17 +474,20 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
                     });
             }
         };
-        // Each band stores to every page of the array. Byte arrays larger than a second-level TLB
-        // of 2048 pages of 4 KiB reaches take bands of eight lines, in strips of one vector's
-        // columns (a staged tile of 16 KiB with 256-bit vectors), and so visit each page half as
-        // often: on a 2-core AMD EPYC with 256-bit vectors (medians of 40 to 60 calls alternating
-        // in one process) 5472 x 3648 planar RGB8 took 0.84 to 0.86 times the time in three runs
-        // of two sittings (1.206 -> 1.010 ns a pixel); mono8 0.87 to 0.93 in three runs of one
-        // sitting (0.340 -> 0.294) and the same time in three of the other. At 3840 x 2160, whose
-        // arrays stay within that reach, they measured 1.0 to 1.07 times slower (mono8 first
-        // quartiles 0.156 -> 0.167). Four lines of each column otherwise, 16 for samples of four
-        // bytes or more, whose strips are narrower (16 or 8 columns).
-        if constexpr (N == 1) {
+        // Each band stores to every page of the array. With vectors narrower than 512 bits,
+        // byte arrays larger than a second-level TLB of 2048 pages of 4 KiB reaches take bands of
+        // eight lines, in strips of one vector's columns (a staged tile of 16 KiB with 256-bit
+        // vectors), and so visit each page half as often: on a 2-core AMD EPYC with 256-bit
+        // vectors (medians of 40 to 60 calls alternating in one process) 5472 x 3648 planar RGB8
+        // took 0.84 to 0.86 times the time in three runs of two sittings (1.206 -> 1.010 ns a
+        // pixel); mono8 0.87 to 0.93 in three runs of one sitting (0.340 -> 0.294) and the same
+        // time in three of the other. At 3840 x 2160, whose arrays stay within that reach, they
+        // measured 1.0 to 1.07 times slower (mono8 first quartiles 0.156 -> 0.167). Wider vectors
+        // stream 8-bit arrays from the registers (Lines) unless their columns collide, and keep
+        // four lines there. Four lines of each column otherwise, 16 for samples of four bytes or
+        // more, whose strips are narrower (16 or 8 columns). The second shape adds about 160 KiB
+        // of code.
+        if constexpr (N == 1 && kNarrowVectors) {
             if (rows * cols > kTlbReachBytes) {
                 streamPanels.template operator()<512, blockColumns>();
                 return fullCols;
