@@ -118,26 +118,37 @@ void unpackByteTiles(D d, RowAt rowAt, std::size_t r0, std::size_t r1, std::size
 
 // Streamed with 512-bit vectors where every column starts at whole 8-byte words from a line:
 // strips of 64 pixels walk down the whole image, reading the rows in place, and each column's
-// vector of 64 rows joins the line that the one above began (as the byte transposes do).
-// Returns the rows done: the whole groups of 64, or none elsewhere.
+// vector of 64 rows joins the line that the one above began (as the byte transposes do). From a
+// source over kAskRowsAbove, each group of 64 rows first asks for the strip's lines of the group
+// kAskAheadRows below (askRows): a strip's rows are a page apart, which the hardware does not
+// fetch ahead. On a 2-core Intel Xeon with AVX-512 (medians of 40 to 60 calls alternating in one
+// process) 5472 x 3648 took 0.76 times the time (0.715 -> 0.543 ns a pixel); 3840 x 2160 0.97
+// (0.493 -> 0.476); asking 32 or 128 rows ahead measured the same. Returns the rows done: the
+// whole groups of 64, or none elsewhere.
 template <class RowAt>
 std::size_t streamJoinedLines(RowAt rowAt, std::size_t height, std::size_t fullCols, const WordFields& f,
                               std::uint8_t* const planes[3]) {
 #if HWY_TARGET == HWY_AVX3 || HWY_TARGET == HWY_AVX3_DL
-    constexpr std::size_t L = hn::MaxLanes(Bytes());
+    constexpr std::size_t L = hn::MaxLanes(Bytes()), lineRows = 64;
     const bool words = height % 8 == 0 && std::all_of(planes, planes + 3, [](const std::uint8_t* p) {
                            return reinterpret_cast<std::uintptr_t>(p) % 8 == 0;
                        });
-    if (!words || height < 64) return 0;
-    const std::size_t lines = height / 64 * 64;
+    if (!words || height < lineRows) return 0;
+    const std::size_t lines = height / lineRows * lineRows;
+    const bool ask = height * fullCols * 2 > kAskRowsAbove;
+    const auto step = rowAt(1, 0) - rowAt(0, 0);  // negative bottom-up
     alignas(64) std::uint8_t above[3][L][64];
     for (std::size_t s0 = 0; s0 < fullCols; s0 += L) {
-        unpackByteTiles(Bytes(), rowAt, 0, lines, s0, s0 + L, f,
-                        [&](std::size_t c, std::size_t x, std::size_t r, auto v) LUMO_ALWAYS_INLINE {
-                            // Only whole vectors: the rows are whole groups of 64.
-                            if constexpr (std::is_same_v<decltype(v), hn::VFromD<Bytes>>)
-                                joinLine(v, planes[c] + x * height + r, above[c][x - s0], r == 0);
-                        });
+        for (std::size_t r0 = 0; r0 < lines; r0 += lineRows) {
+            if (ask && r0 + kAskAheadRows + lineRows <= height)
+                askRows(rowAt(r0 + kAskAheadRows, s0), step, lineRows, 2 * L - 1);
+            unpackByteTiles(Bytes(), rowAt, r0, r0 + lineRows, s0, s0 + L, f,
+                            [&](std::size_t c, std::size_t x, std::size_t r, auto v) LUMO_ALWAYS_INLINE {
+                                // Only whole vectors: the rows are whole groups of 64.
+                                if constexpr (std::is_same_v<decltype(v), hn::VFromD<Bytes>>)
+                                    joinLine(v, planes[c] + x * height + r, above[c][x - s0], r == 0);
+                            });
+        }
         for (std::size_t c = 0; c < 3; ++c)
             for (std::size_t x = s0; x < s0 + L; ++x)
                 finishLines(planes[c] + x * height + lines - 64, above[c][x - s0]);
