@@ -29,7 +29,8 @@ template <typename T>
 struct SampleKernels {
     // Every site of the task's kind.
     void (*sites)(const BayerUtil::BayerTBBTask<T>& task);
-    // Splits 2 * pairs samples into the even-indexed and the odd-indexed ones, and back.
+    // Splits 2 * pairs samples into the even-indexed and the odd-indexed ones, and back; the
+    // arrays must not overlap.
     void (*deinterleave)(const T* in, T* even, T* odd, std::uint64_t pairs);
     void (*interleave)(const T* even, const T* odd, T* out, std::uint64_t pairs);
     // Transposes rows x cols samples of a row-major image (rows srcRowBytes apart) into columns
