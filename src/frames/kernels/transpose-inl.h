@@ -729,9 +729,9 @@ void transposeIntoLinesKernel(const std::uint8_t* src, std::size_t srcRowBytes, 
 // The pairs past the last whole vector are done by the last vector's worth of pairs, stored again
 // over the values they already hold (the arrays never overlap). Done a pair at a time, that tail
 // took half the samples of the demosaic's interleave at 1080p (540 pairs a column, 28 past the
-// last 512-bit vector); done so, 8-bit Bayer took 0.90 to 0.93 times the time at 1080p and 0.93
+// last 512-bit vector); done so, 8-bit Bayer took 0.90 to 0.91 times the time at 1080p and 0.93
 // to 0.94 at 3840 x 2160 on a 2-core Intel Xeon with AVX-512 (medians of 60 to 300 calls
-// alternating in one process), 0.97 at 1080p with 256-bit vectors.
+// alternating in one process, two runs), 0.97 at 1080p with 256-bit vectors.
 template <typename T>
 void deinterleaveKernel(const T* in, T* even, T* odd, std::uint64_t pairs) {
     const hn::ScalableTag<T> d;

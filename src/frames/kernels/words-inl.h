@@ -120,11 +120,11 @@ void unpackByteTiles(D d, RowAt rowAt, std::size_t r0, std::size_t r1, std::size
 // strips of 64 pixels walk down the whole image, reading the rows in place, and each column's
 // vector of 64 rows joins the line that the one above began (as the byte transposes do). From a
 // source over kAskRowsAbove, each group of 64 rows first asks for the strip's lines of the group
-// kAskAheadRows below (askRows): a strip's rows are a page apart, which the hardware does not
-// fetch ahead. On a 2-core Intel Xeon with AVX-512 (medians of 40 to 60 calls alternating in one
-// process) 5472 x 3648 took 0.76 times the time (0.715 -> 0.543 ns a pixel); 3840 x 2160 0.97
-// (0.493 -> 0.476); asking 32 or 128 rows ahead measured the same. Returns the rows done: the
-// whole groups of 64, or none elsewhere.
+// kAskAheadRows below (askRows): the strip reads two lines of each row, a whole row apart, which
+// the hardware does not fetch ahead. On a 2-core Intel Xeon with AVX-512 (medians of 40 to 60
+// calls alternating in one process) 5472 x 3648 took 0.76 times the time (0.715 -> 0.543 ns a
+// pixel); 3840 x 2160 0.97 (0.493 -> 0.476); asking 32 or 128 rows ahead measured the same.
+// Returns the rows done: the whole groups of 64, or none elsewhere.
 template <class RowAt>
 std::size_t streamJoinedLines(RowAt rowAt, std::size_t height, std::size_t fullCols, const WordFields& f,
                               std::uint8_t* const planes[3]) {
