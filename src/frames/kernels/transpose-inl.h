@@ -726,49 +726,50 @@ void transposeIntoLinesKernel(const std::uint8_t* src, std::size_t srcRowBytes, 
                                   stride, rows, cols - done, false, SampleOp::Copy, ColumnStores::Cached);
 }
 
-// The pairs past the last whole vector are done by the last vector's worth of pairs, stored again
-// over the values they already hold (the arrays never overlap). Done a pair at a time, that tail
-// took half the samples of the demosaic's interleave at 1080p (540 pairs a column, 28 past the
-// last 512-bit vector); done so, 8-bit Bayer took 0.90 to 0.91 times the time at 1080p and 0.93
-// to 0.94 at 3840 x 2160 on a 2-core Intel Xeon with AVX-512 (medians of 60 to 300 calls
-// alternating in one process, two runs), 0.97 at 1080p with 256-bit vectors.
+// vector(i) for each whole vector's worth of pairs from pair i, pair(i) for each pair of a count
+// below one vector. The pairs past the last whole vector are done by the last vector's worth of
+// pairs again, stored over the values they already hold (the arrays never overlap). Done a pair
+// at a time, that tail took half the samples of the demosaic's interleave at 1080p (540 pairs a
+// column, 28 past the last 512-bit vector); done so, 8-bit Bayer took 0.90 to 0.91 times the time
+// at 1080p and 0.93 to 0.94 at 3840 x 2160 on a 2-core Intel Xeon with AVX-512 (medians of 60 to
+// 300 calls alternating in one process, two runs), 0.97 at 1080p with 256-bit vectors.
+template <class Vector, class Pair>
+HWY_INLINE void overPairs(std::uint64_t pairs, std::uint64_t lanes, Vector vector, Pair pair) {
+    if (pairs < lanes) {
+        for (std::uint64_t i = 0; i < pairs; ++i) pair(i);
+        return;
+    }
+    for (std::uint64_t i = 0; i + lanes <= pairs; i += lanes) vector(i);
+    if (pairs % lanes != 0) vector(pairs - lanes);
+}
+
 template <typename T>
 void deinterleaveKernel(const T* in, T* even, T* odd, std::uint64_t pairs) {
     const hn::ScalableTag<T> d;
-    const std::uint64_t lanes = hn::Lanes(d);
-    auto split = [&](std::uint64_t i) {
-        hn::VFromD<decltype(d)> e, o;
-        hn::LoadInterleaved2(d, in + 2 * i, e, o);
-        hn::StoreU(e, d, even + i);
-        hn::StoreU(o, d, odd + i);
-    };
-    if (pairs < lanes) {
-        for (std::uint64_t i = 0; i < pairs; ++i) {
+    overPairs(
+        pairs, hn::Lanes(d),
+        [&](std::uint64_t i) {
+            hn::VFromD<decltype(d)> e, o;
+            hn::LoadInterleaved2(d, in + 2 * i, e, o);
+            hn::StoreU(e, d, even + i);
+            hn::StoreU(o, d, odd + i);
+        },
+        [&](std::uint64_t i) {
             even[i] = in[2 * i];
             odd[i] = in[2 * i + 1];
-        }
-        return;
-    }
-    for (std::uint64_t i = 0; i + lanes <= pairs; i += lanes) split(i);
-    if (pairs % lanes != 0) split(pairs - lanes);
+        });
 }
 
 template <typename T>
 void interleaveKernel(const T* even, const T* odd, T* out, std::uint64_t pairs) {
     const hn::ScalableTag<T> d;
-    const std::uint64_t lanes = hn::Lanes(d);
-    auto join = [&](std::uint64_t i) {
-        hn::StoreInterleaved2(hn::LoadU(d, even + i), hn::LoadU(d, odd + i), d, out + 2 * i);
-    };
-    if (pairs < lanes) {
-        for (std::uint64_t i = 0; i < pairs; ++i) {
+    overPairs(
+        pairs, hn::Lanes(d),
+        [&](std::uint64_t i) { hn::StoreInterleaved2(hn::LoadU(d, even + i), hn::LoadU(d, odd + i), d, out + 2 * i); },
+        [&](std::uint64_t i) {
             out[2 * i] = even[i];
             out[2 * i + 1] = odd[i];
-        }
-        return;
-    }
-    for (std::uint64_t i = 0; i + lanes <= pairs; i += lanes) join(i);
-    if (pairs % lanes != 0) join(pairs - lanes);
+        });
 }
 
 }  // namespace HWY_NAMESPACE
