@@ -99,12 +99,14 @@ std::vector<T> run(const std::vector<T>& mosaic, int width, int height, std::uin
 }  // namespace
 
 // Both the vector kernels and the portable ones, over sizes whose columns hold whole vectors,
-// short tails, or both.
+// short tails, or both, and widths whose columns are merged in several chunks, the last of one
+// or two columns.
 TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
     std::mt19937 rng(5);
     forEachVectorWidth([&](int kernels) {
         for (std::uint32_t bits : {8u, 10u, 12u, 14u, 16u}) {
-            for (auto [w, h] : {std::pair{3, 3}, {4, 4}, {5, 3}, {3, 6}, {8, 7}, {17, 12}, {70, 67}, {37, 130}}) {
+            for (auto [w, h] :
+                 {std::pair{3, 3}, {4, 4}, {5, 3}, {3, 6}, {8, 7}, {17, 12}, {70, 67}, {37, 130}, {259, 5}}) {
                 for (std::uint32_t alignment : {0u, 1u, 2u, 4u}) {
                     SCOPED_TRACE(::testing::Message() << bits << " bits " << w << "x" << h << " alignment " << alignment
                                                       << " vectors up to " << kernels << " bits");
@@ -131,8 +133,8 @@ TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
     });
 }
 
-// The padded copy's second half is written by whichever thread takes it, and each pair of tasks'
-// columns merged by whichever of the two finishes last: the planes are the same whichever threads
+// The padded copy's second half is written by whichever thread takes it, and each chunk of a pair
+// of tasks' columns merged by whichever of the two finishes it last: the planes are the same whichever threads
 // run the tasks, with every task on the calling thread (one thread allowed) or spread over the
 // pool. The image is large enough that the merges stream the host planes, in columns of an odd
 // height that start at every offset from a cache line.

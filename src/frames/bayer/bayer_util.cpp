@@ -97,8 +97,8 @@ bool PaddedGate::takeSecondHalf() const {
     return true;
 }
 
-void PaddedGate::finish(int parity) const {
-    if (finished[parity].fetch_add(1, std::memory_order_acq_rel) == 1) mergeColumns(context, parity);
+void PaddedGate::finish(int parity, std::uint64_t chunk) const {
+    if (chunksDone[parity][chunk].fetch_add(1, std::memory_order_acq_rel) == 1) mergeColumns(context, parity, chunk);
 }
 
 template <typename T>
@@ -110,13 +110,31 @@ void BayerTBBTask<T>::run() const {
     int state = PaddedGate::writing;
     waitUntil([&] { return (state = gate->state.load(std::memory_order_acquire)) != PaddedGate::writing; });
     if (state == PaddedGate::written) {
-        kernels->sites(*this);
-        gate->finish(static_cast<int>(firstColumn % 2));  // padded column 2 is image column 0
+        const int parity = static_cast<int>(firstColumn % 2);  // padded column 2 is image column 0
+        const std::uint64_t end = columnCount + 2, step = 2 * gate->chunkColumns;
+        BayerTBBTask chunk = *this;
+        for (std::uint64_t p = firstColumn, index = 0; p < end; p += step, ++index) {
+            chunk.firstColumn = p;
+            chunk.columnCount = p + std::min(step, end - p) - 2;
+            for (int plane = 0; plane < 3; ++plane)
+                if (planes[plane] != nullptr)
+                    chunk.planes[plane] = planes[plane] + index * gate->chunkColumns * planeColumn;
+            kernels->sites(chunk);
+            gate->finish(parity, index);
+        }
     }
     handOver(padded.even);
 }
 
 namespace {
+
+// Columns of sites a task writes before the columns are merged, once its pair has written them
+// too: the merge then reads what the task has just written from its caches rather than from
+// memory. On a 2-core Intel Xeon with 512-bit vectors (medians of 40 calls alternating with a
+// single chunk in one process, ns a pixel), 5472 x 3648 8-bit 0.75 -> 0.71, 12-bit 1.13 -> 1.04,
+// packed 12-bit 1.45 -> 1.40; 3840 x 2160 12-bit 1.33 -> 1.29; 1920 x 1080 the same. 32 and 128
+// columns measured as 64 did.
+constexpr std::uint64_t kMergeChunkColumns = 64;
 
 struct Site {
     BayerSiteKind kind;
@@ -154,9 +172,9 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     Workspace workspace;
     const PaddedMosaic<T> padded = paddedStorage<T>(workspace, height, width);
     // A task writes the two planes it computes, column by column, into storage of its own; once
-    // both tasks of a column parity have finished, their rows go into the host planes, with the
-    // sites' own samples taken straight from the padded copy. Columns of sites are padded to whole
-    // cache lines, so vector kernels store whole vectors.
+    // both tasks of a column parity have written a chunk of columns, their rows go into the host
+    // planes, with the sites' own samples taken straight from the padded copy. Columns of sites
+    // are padded to whole cache lines, so vector kernels store whole vectors.
     constexpr std::uint64_t perLine = lineBytes / sizeof(T);
     const std::uint64_t evenSites = (height + 1) / 2, oddSites = height / 2;
     const std::uint64_t columnOf[2] = {(evenSites + perLine - 1) / perLine * perLine,
@@ -183,17 +201,26 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     // spawned return once they have written what they took.
     PaddedGate gate;
     const SampleKernels<T>& k = kernels().of<T>();
-    // The columns of one parity into the host planes, once both of their tasks are done: the two
-    // tasks' rows interleaved, the sites' own samples taken from the padded copy.
-    // Large host planes take whole columns streamed from staging memory.
+    // A chunk of the columns of one parity into the host planes, once both of their tasks have
+    // written it: the two tasks' rows interleaved, the sites' own samples taken from the padded
+    // copy. Large host planes take whole columns streamed from staging memory.
     T* const out[3] = {red, green, blue};
     const bool stream = columnStoresFor(3 * width * height * sizeof(T), height) == ColumnStores::Streamed;
     const auto streamCopy = kernels().streamCopy;
-    auto merge = [&](int parity) {
+    // How many tasks of its pair have written each chunk, the even columns' chunks first.
+    constexpr std::uint64_t chunkColumns = kMergeChunkColumns;
+    gate.chunkColumns = chunkColumns;
+    const std::uint64_t evenChunks = (columns[0] + chunkColumns - 1) / chunkColumns;
+    std::vector<std::atomic<int>> chunksDone(evenChunks + (columns[1] + chunkColumns - 1) / chunkColumns);
+    gate.chunksDone[0] = chunksDone.data();
+    gate.chunksDone[1] = chunksDone.data() + evenChunks;
+    auto merge = [&](int parity, std::uint64_t chunk) {
         thread_local std::vector<T> staging;
         if (stream) staging.resize(height);
+        const std::uint64_t first = parity + 2 * chunk * chunkColumns;
+        const std::uint64_t last = std::min(width, first + 2 * chunkColumns);
         for (int plane = 0; plane < 3; ++plane)
-            for (auto x = static_cast<std::uint64_t>(parity); x < width; x += 2) {
+            for (auto x = first; x < last; x += 2) {
                 const T* rows[2];
                 for (int rowParity = 0; rowParity < 2; ++rowParity) {
                     const T* computed = regions[2 * rowParity + parity][plane];
@@ -221,8 +248,8 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
         const auto& s = *static_cast<const Shared*>(context);
         fillHalf(s.padded, s.width, s.k, s.fill, 1);
     };
-    gate.mergeColumns = [](const void* context, int parity) {
-        static_cast<const Shared*>(context)->mergeParity(parity);
+    gate.mergeColumns = [](const void* context, int parity, std::uint64_t chunk) {
+        static_cast<const Shared*>(context)->mergeParity(parity, chunk);
     };
     // The wait is isolated: while it waits, this thread runs only these four tasks, never another
     // of the host's own tasks, which could start a demosaic of its own on this thread.

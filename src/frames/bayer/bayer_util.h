@@ -43,23 +43,25 @@ struct PaddedMosaic {
 // starts before the calling thread gets to it.
 //
 // The gate also holds the merges: the sites of the even image columns come from two tasks, those
-// of the odd ones from the other two, and the last task of each pair to finish merges its
-// columns into the host planes, while the other pair may still be at work.
+// of the odd ones from the other two. Each task writes its columns a chunk of chunkColumns at a
+// time, and the second task of a pair to finish a chunk merges the chunk's columns into the host
+// planes, while what it just wrote is still in its caches and the other tasks work on.
 struct PaddedGate {
     static constexpr int writing = 0, written = 1, abandoned = 2;
     static constexpr int open = 0, taken = 1, done = 2;  // states of the second half
     std::atomic<int> state{writing};
     mutable std::atomic<int> secondHalf{open};
-    mutable std::atomic<int> finished[2] = {0, 0};  // tasks done, by the parity of their columns
+    std::uint64_t chunkColumns = 1;        // columns of sites a task writes before it merges
+    std::atomic<int>* chunksDone[2] = {};  // by the parity of the columns: tasks done with each chunk
     std::thread::id caller = std::this_thread::get_id();
     void (*writeSecondHalf)(const void* context) = nullptr;
-    void (*mergeColumns)(const void* context, int parity) = nullptr;
+    void (*mergeColumns)(const void* context, int parity, std::uint64_t chunk) = nullptr;
     const void* context = nullptr;
 
     // Writes the second half if nobody has taken it yet: true if this call wrote it.
     bool takeSecondHalf() const;
-    // Called by each task once its sites are written: the second of a pair merges their columns.
-    void finish(int parity) const;
+    // Called by each task once a chunk of its sites is written: the second of a pair merges it.
+    void finish(int parity, std::uint64_t chunk) const;
 };
 
 // One of the four demosaic tasks: every site of one kind over the whole image, written into
