@@ -1,7 +1,8 @@
 // The copy-out and demosaic speed over the size ladder: each family at 1920 x 1080, 3840 x 2160
 // and 5472 x 3648, in nanoseconds per pixel and as a ratio to memcpy of the same output bytes,
-// measured in the same run; then the time per pixel at 20 MP over that at 8 MP. --size measures
-// the given sizes instead (repeat it for several), e.g. a square sensor's 1024x1024.
+// measured in the same run; then the time per pixel at 20 MP over that at 8 MP, and the same for
+// memcpy, whose own growth shows how much of it the memory brings. --size measures the given
+// sizes instead (repeat it for several), e.g. a square sensor's 1024x1024.
 //   size_ladder [--csv] [--repeats N] [--size WxH]... [FAMILY-SUBSTRING]
 #include <algorithm>
 #include <chrono>
@@ -96,10 +97,11 @@ int main(int argc, char** argv) {
         std::printf("%-22s %-6s %10s %10s %8s\n", "family", "size", "ns/pixel", "memcpy", "ratio");
     for (const Family& family : lumobench::kFamilies) {
         if (!only.empty() && std::string(family.name).find(only) == std::string::npos) continue;
-        std::vector<double> perPixel(sizes.size());
+        std::vector<double> perPixel(sizes.size()), memcpyPerPixel(sizes.size());
         for (std::size_t s = 0; s < sizes.size(); ++s) {
             const Result r = measure(family, sizes[s], repeats);
             perPixel[s] = r.nsPerPixel;
+            memcpyPerPixel[s] = r.memcpyNsPerPixel;
             if (csv)
                 std::printf("%s,%s,%.4f,%.4f,%.3f\n", family.name, sizes[s].name.c_str(), r.nsPerPixel,
                             r.memcpyNsPerPixel, r.nsPerPixel / r.memcpyNsPerPixel);
@@ -108,7 +110,8 @@ int main(int argc, char** argv) {
                             r.memcpyNsPerPixel, r.nsPerPixel / r.memcpyNsPerPixel);
         }
         if (!csv && ladder)
-            std::printf("%-22s 20 MP / 8 MP per pixel: %.2fx\n", family.name, perPixel[2] / perPixel[1]);
+            std::printf("%-22s 20 MP / 8 MP per pixel: %.2fx (memcpy %.2fx)\n", family.name, perPixel[2] / perPixel[1],
+                        memcpyPerPixel[2] / memcpyPerPixel[1]);
         std::fflush(stdout);
     }
     return 0;
