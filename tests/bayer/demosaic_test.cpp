@@ -134,10 +134,10 @@ TEST(Demosaic, MatchesTheDoubleReferenceEverywhere) {
 }
 
 // The padded copy's second half is written by whichever thread takes it, and each chunk of a pair
-// of tasks' columns merged by whichever of the two finishes it last: the planes are the same whichever threads
-// run the tasks, with every task on the calling thread (one thread allowed) or spread over the
-// pool. The image is large enough that the merges stream the host planes, in columns of an odd
-// height that start at every offset from a cache line.
+// of tasks' columns merged by whichever of the two finishes it last: the planes are the same
+// whichever threads run the tasks, with every task on the calling thread (one thread allowed) or
+// spread over the pool. The image is large enough that the merges stream the host planes, in
+// columns of an odd height that start at every offset from a cache line.
 TEST(Demosaic, PlanesAreTheSameWhicheverThreadsRunTheTasks) {
     constexpr int width = 1201, height = 2049;
     std::mt19937 rng(11);

@@ -67,13 +67,13 @@ HWY_INLINE void computeSites(const T* s, const T* o, std::uint64_t stride, typen
 }
 
 // A task writes the two planes it computes into memory of its own; the second task of a pair to
-// write a chunk of columns merges the chunk into the host planes, on whichever thread it runs. The planes are stored into the
-// caches, where that merge finds them. Streamed to memory from threads other than the caller's,
-// the merges read them back from memory: cached, on a 2-core AMD EPYC with 256-bit vectors (two
-// sittings of six alternating runs, best ns a pixel), 8-bit 1080p 1.02 -> 0.44 and 0.91 -> 0.37,
-// 8 MP 1.05 -> 0.65 and 0.98 -> 0.51; 12-bit 8 MP 2.22 -> 1.35 and 2.07 -> 1.29; packed 12-bit
-// 8 MP 2.65 -> 1.57 and 2.52 -> 1.64. At 20 MP, whose planes outgrow the shared cache either way,
-// the two sittings differed (8-bit 0.88 -> 0.79 and 0.71 -> 0.76).
+// write a chunk of columns merges the chunk into the host planes, on whichever thread it runs. The
+// planes are stored into the caches, where that merge finds them. Streamed to memory from threads
+// other than the caller's, the merges read them back from memory: cached, on a 2-core AMD EPYC with
+// 256-bit vectors (two sittings of six alternating runs, best ns a pixel), 8-bit 1080p 1.02 -> 0.44
+// and 0.91 -> 0.37, 8 MP 1.05 -> 0.65 and 0.98 -> 0.51; 12-bit 8 MP 2.22 -> 1.35 and 2.07 -> 1.29;
+// packed 12-bit 8 MP 2.65 -> 1.57 and 2.52 -> 1.64. At 20 MP, whose planes outgrow the shared cache
+// either way, the two sittings differed (8-bit 0.88 -> 0.79 and 0.71 -> 0.76).
 template <typename T, BayerUtil::BayerSiteKind Kind>
 void siteColumns(const BayerUtil::BayerTBBTask<T>& task) {
     using namespace BayerUtil;
