@@ -97,11 +97,9 @@ int main(int argc, char** argv) {
         std::printf("%-22s %-6s %10s %10s %8s\n", "family", "size", "ns/pixel", "memcpy", "ratio");
     for (const Family& family : lumobench::kFamilies) {
         if (!only.empty() && std::string(family.name).find(only) == std::string::npos) continue;
-        std::vector<double> perPixel(sizes.size()), memcpyPerPixel(sizes.size());
+        std::vector<Result> results(sizes.size());
         for (std::size_t s = 0; s < sizes.size(); ++s) {
-            const Result r = measure(family, sizes[s], repeats);
-            perPixel[s] = r.nsPerPixel;
-            memcpyPerPixel[s] = r.memcpyNsPerPixel;
+            const Result r = results[s] = measure(family, sizes[s], repeats);
             if (csv)
                 std::printf("%s,%s,%.4f,%.4f,%.3f\n", family.name, sizes[s].name.c_str(), r.nsPerPixel,
                             r.memcpyNsPerPixel, r.nsPerPixel / r.memcpyNsPerPixel);
@@ -110,8 +108,9 @@ int main(int argc, char** argv) {
                             r.memcpyNsPerPixel, r.nsPerPixel / r.memcpyNsPerPixel);
         }
         if (!csv && ladder)
-            std::printf("%-22s 20 MP / 8 MP per pixel: %.2fx (memcpy %.2fx)\n", family.name, perPixel[2] / perPixel[1],
-                        memcpyPerPixel[2] / memcpyPerPixel[1]);
+            std::printf("%-22s 20 MP / 8 MP per pixel: %.2fx (memcpy %.2fx)\n", family.name,
+                        results[2].nsPerPixel / results[1].nsPerPixel,
+                        results[2].memcpyNsPerPixel / results[1].memcpyNsPerPixel);
         std::fflush(stdout);
     }
     return 0;
