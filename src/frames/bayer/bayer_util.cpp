@@ -65,6 +65,15 @@ inline void pause() {
 #endif
 }
 
+// Columns of sites a task writes before the columns are merged, once its pair has written them
+// too: the merge then reads what the task has just written from its caches rather than from
+// memory. On a 2-core Intel Xeon with 512-bit vectors (medians of 40 calls alternating with a
+// single chunk in one process, ns a pixel), 5472 x 3648 8-bit 0.75 -> 0.71, 12-bit 1.13 -> 1.04,
+// packed 12-bit 1.45 -> 1.40; 3840 x 2160 12-bit 1.33 -> 1.29; 1920 x 1080 the same. 32 and 128
+// columns measured as 64 did. Against the whole columns of each pair merged at once, in pairs of
+// calls of the two builds (ab_pair, 40 pairs), 5472 x 3648 took 0.91 to 0.94 times the time.
+constexpr std::uint64_t kMergeChunkColumns = 64;
+
 // Spins a little, then yields, until done() holds.
 template <typename Done>
 void waitUntil(Done done) {
@@ -111,14 +120,14 @@ void BayerTBBTask<T>::run() const {
     waitUntil([&] { return (state = gate->state.load(std::memory_order_acquire)) != PaddedGate::writing; });
     if (state == PaddedGate::written) {
         const int parity = static_cast<int>(firstColumn % 2);  // padded column 2 is image column 0
-        const std::uint64_t end = columnCount + 2, step = 2 * gate->chunkColumns;
+        const std::uint64_t end = columnCount + 2, step = 2 * kMergeChunkColumns;
         BayerTBBTask chunk = *this;
         for (std::uint64_t p = firstColumn, index = 0; p < end; p += step, ++index) {
             chunk.firstColumn = p;
             chunk.columnCount = p + std::min(step, end - p) - 2;
             for (int plane = 0; plane < 3; ++plane)
                 if (planes[plane] != nullptr)
-                    chunk.planes[plane] = planes[plane] + index * gate->chunkColumns * planeColumn;
+                    chunk.planes[plane] = planes[plane] + index * kMergeChunkColumns * planeColumn;
             kernels->sites(chunk);
             gate->finish(parity, index);
         }
@@ -127,15 +136,6 @@ void BayerTBBTask<T>::run() const {
 }
 
 namespace {
-
-// Columns of sites a task writes before the columns are merged, once its pair has written them
-// too: the merge then reads what the task has just written from its caches rather than from
-// memory. On a 2-core Intel Xeon with 512-bit vectors (medians of 40 calls alternating with a
-// single chunk in one process, ns a pixel), 5472 x 3648 8-bit 0.75 -> 0.71, 12-bit 1.13 -> 1.04,
-// packed 12-bit 1.45 -> 1.40; 3840 x 2160 12-bit 1.33 -> 1.29; 1920 x 1080 the same. 32 and 128
-// columns measured as 64 did. Against the whole columns of each pair merged at once, in pairs of
-// calls of the two builds (ab_pair, 40 pairs), 5472 x 3648 took 0.91 to 0.94 times the time.
-constexpr std::uint64_t kMergeChunkColumns = 64;
 
 struct Site {
     BayerSiteKind kind;
@@ -209,17 +209,16 @@ void demosaic(Fill fill, T* red, T* green, T* blue, std::pair<std::uint32_t, std
     const bool stream = columnStoresFor(3 * width * height * sizeof(T), height) == ColumnStores::Streamed;
     const auto streamCopy = kernels().streamCopy;
     // How many tasks of its pair have written each chunk, the even columns' chunks first.
-    constexpr std::uint64_t chunkColumns = kMergeChunkColumns;
-    gate.chunkColumns = chunkColumns;
-    const std::uint64_t evenChunks = (columns[0] + chunkColumns - 1) / chunkColumns;
-    std::vector<std::atomic<int>> chunksDone(evenChunks + (columns[1] + chunkColumns - 1) / chunkColumns);
+    auto chunksOf = [](std::uint64_t n) { return (n + kMergeChunkColumns - 1) / kMergeChunkColumns; };
+    const std::uint64_t evenChunks = chunksOf(columns[0]);
+    std::vector<std::atomic<int>> chunksDone(evenChunks + chunksOf(columns[1]));
     gate.chunksDone[0] = chunksDone.data();
     gate.chunksDone[1] = chunksDone.data() + evenChunks;
     auto merge = [&](int parity, std::uint64_t chunk) {
         thread_local std::vector<T> staging;
         if (stream) staging.resize(height);
-        const std::uint64_t first = parity + 2 * chunk * chunkColumns;
-        const std::uint64_t last = std::min(width, first + 2 * chunkColumns);
+        const std::uint64_t first = parity + 2 * chunk * kMergeChunkColumns;
+        const std::uint64_t last = std::min(width, first + 2 * kMergeChunkColumns);
         for (int plane = 0; plane < 3; ++plane)
             for (auto x = first; x < last; x += 2) {
                 const T* rows[2];

@@ -43,15 +43,14 @@ struct PaddedMosaic {
 // starts before the calling thread gets to it.
 //
 // The gate also holds the merges: the sites of the even image columns come from two tasks, those
-// of the odd ones from the other two. Each task writes its columns a chunk of chunkColumns at a
-// time, and the second task of a pair to finish a chunk merges the chunk's columns into the host
-// planes, while what it just wrote is still in its caches and the other tasks work on.
+// of the odd ones from the other two. Each task writes its columns a chunk at a time, and the
+// second task of a pair to finish a chunk merges the chunk's columns into the host planes, while
+// what it just wrote is still in its caches and the other tasks work on.
 struct PaddedGate {
     static constexpr int writing = 0, written = 1, abandoned = 2;
     static constexpr int open = 0, taken = 1, done = 2;  // states of the second half
     std::atomic<int> state{writing};
     mutable std::atomic<int> secondHalf{open};
-    std::uint64_t chunkColumns = 1;        // columns of sites a task writes before it merges
     std::atomic<int>* chunksDone[2] = {};  // by the parity of the columns: tasks done with each chunk
     std::thread::id caller = std::this_thread::get_id();
     void (*writeSecondHalf)(const void* context) = nullptr;
