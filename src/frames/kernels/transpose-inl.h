@@ -447,7 +447,7 @@ std::size_t transposeBlocksOf(D d, const std::uint8_t* src, std::size_t srcRowBy
         // Bands of bandBytes of each column, in strips of `strip` columns. Panels of columns
         // narrow enough that a band's copy of them stays in the second-level cache. Byte samples
         // take the panels inline: out of line, as the compiler had placed them for every sample
-        // size, their copy-outs took 1.15 to 1.35 times the time with vectors narrower than 512
+        // size, their copy-outs took 1.1 to 1.35 times the time with vectors narrower than 512
         // bits on a 2-core Intel Xeon (against it, inline, medians of 12 pairs of calls of the
         // two builds: 256-bit mono8 0.73 to 0.82, planar RGB8 0.77 to 0.89, the 4:2:0 planes 0.89
         // to 0.96; 128-bit mono8 0.80 to 0.83, planar RGB8 0.81 to 0.90; 512-bit 0.87 to 0.99).
